@@ -1,0 +1,208 @@
+#include "model/json_support.hpp"
+
+#include <cmath>
+
+namespace brisola {
+
+namespace {
+std::string describe(const std::string& path, const std::string& problem) {
+  return "Invalid JSON at " + (path.empty() ? std::string("the top level") : path) + ": " +
+         problem + ".";
+}
+}  // namespace
+
+DecodingError::DecodingError(Kind kind, std::string path, std::string problem)
+    : std::runtime_error(kind == Kind::dataCorrupted
+                             ? "The data is not valid JSON: " + problem + "."
+                             : describe(path, problem)),
+      kind_(kind),
+      path_(std::move(path)),
+      problem_(std::move(problem)) {}
+
+EncodingError::EncodingError(std::string path, std::string problem)
+    : std::runtime_error("Cannot write JSON at " +
+                         (path.empty() ? std::string("the top level") : path) + ": " + problem +
+                         "."),
+      path_(std::move(path)) {}
+
+namespace json {
+
+namespace {
+
+constexpr double maximumExactInteger = 9007199254740992.0;  // 2^53
+
+std::string foundDescription(const Json& value) {
+  switch (value.type()) {
+    case Json::value_t::null:
+      return "null";
+    case Json::value_t::object:
+      return "an object";
+    case Json::value_t::array:
+      return "an array";
+    case Json::value_t::string:
+      return "a string";
+    case Json::value_t::boolean:
+      return "a Boolean";
+    case Json::value_t::number_float:
+      return "the number " + value.dump();
+    case Json::value_t::number_integer:
+    case Json::value_t::number_unsigned:
+      return "the integer " + value.dump();
+    default:
+      return "an unexpected value";
+  }
+}
+
+// Strips the library's "[json.exception.parse_error.101] " prefix: the rest says what and where.
+std::string parseProblem(const std::string& message) {
+  auto close = message.find("] ");
+  return close == std::string::npos ? message : message.substr(close + 2);
+}
+
+void checkEncodable(const Json& value, const std::string& path) {
+  switch (value.type()) {
+    case Json::value_t::number_float:
+      if (!std::isfinite(value.get<double>())) {
+        throw EncodingError(path, "the number " + std::to_string(value.get<double>()) +
+                                      " cannot be written as JSON");
+      }
+      break;
+    case Json::value_t::object:
+      for (const auto& [key, member] : value.items()) checkEncodable(member, childPath(path, key));
+      break;
+    case Json::value_t::array:
+      for (std::size_t i = 0; i < value.size(); ++i) checkEncodable(value[i], indexPath(path, i));
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace
+
+std::string childPath(const std::string& path, std::string_view key) {
+  if (path.empty()) return std::string(key);
+  std::string result;
+  result.reserve(path.size() + 1 + key.size());
+  result.append(path).append(1, '.').append(key);
+  return result;
+}
+
+std::string indexPath(const std::string& path, std::size_t index) {
+  return path + "[" + std::to_string(index) + "]";
+}
+
+void fail(DecodingError::Kind kind, const std::string& path, std::string problem) {
+  throw DecodingError(kind, path, std::move(problem));
+}
+
+void typeMismatch(const Json& value, const std::string& path, std::string_view expected) {
+  fail(DecodingError::Kind::typeMismatch, path,
+       "expected " + std::string(expected) + ", found " + foundDescription(value));
+}
+
+Json parse(std::string_view bytes) {
+  try {
+    return Json::parse(bytes.begin(), bytes.end());
+  } catch (const Json::exception& error) {
+    // parse_error for malformed text, out_of_range for numbers beyond a double.
+    fail(DecodingError::Kind::dataCorrupted, "", parseProblem(error.what()));
+  }
+}
+
+std::string dump(const Json& value) {
+  checkEncodable(value, "");
+  try {
+    return value.dump(2);
+  } catch (const Json::type_error& error) {
+    throw EncodingError("", parseProblem(error.what()));
+  }
+}
+
+std::string readString(const Json& value, const std::string& path) {
+  if (!value.is_string()) typeMismatch(value, path, "a string");
+  return value.get_ref<const std::string&>();
+}
+
+bool readBool(const Json& value, const std::string& path) {
+  if (!value.is_boolean()) typeMismatch(value, path, "a Boolean");
+  return value.get<bool>();
+}
+
+double readReal(const Json& value, const std::string& path) {
+  if (!value.is_number()) typeMismatch(value, path, "a number");
+  return value.get<double>();
+}
+
+double readFloat(const Json& value, const std::string& path) {
+  return readReal(value, path);
+}
+
+std::int64_t readIntegerIn(const Json& value, const std::string& path, std::int64_t low,
+                           std::int64_t high, std::string_view typeName) {
+  auto outOfRange = [&]() -> std::int64_t {
+    fail(DecodingError::Kind::valueOutOfRange, path,
+         value.dump() + " is outside the range of a " + std::string(typeName));
+  };
+  switch (value.type()) {
+    case Json::value_t::number_integer: {
+      auto v = value.get<std::int64_t>();
+      return v < low || v > high ? outOfRange() : v;
+    }
+    case Json::value_t::number_unsigned: {
+      auto v = value.get<std::uint64_t>();
+      return v > static_cast<std::uint64_t>(high) ? outOfRange() : static_cast<std::int64_t>(v);
+    }
+    case Json::value_t::number_float: {
+      double v = value.get<double>();
+      if (std::trunc(v) != v) typeMismatch(value, path, "an integer");
+      if (std::fabs(v) > maximumExactInteger || v < static_cast<double>(low) ||
+          v > static_cast<double>(high)) {
+        return outOfRange();
+      }
+      return static_cast<std::int64_t>(v);
+    }
+    default:
+      typeMismatch(value, path, "an integer");
+  }
+}
+
+std::uint64_t readUnsigned64(const Json& value, const std::string& path) {
+  auto outOfRange = [&]() -> std::uint64_t {
+    fail(DecodingError::Kind::valueOutOfRange, path,
+         value.dump() + " is outside the range of an unsigned 64-bit integer");
+  };
+  switch (value.type()) {
+    case Json::value_t::number_unsigned:
+      return value.get<std::uint64_t>();
+    case Json::value_t::number_integer: {
+      auto v = value.get<std::int64_t>();
+      return v < 0 ? outOfRange() : static_cast<std::uint64_t>(v);
+    }
+    case Json::value_t::number_float: {
+      double v = value.get<double>();
+      if (std::trunc(v) != v) typeMismatch(value, path, "an integer");
+      if (v < 0 || v > maximumExactInteger) return outOfRange();
+      return static_cast<std::uint64_t>(v);
+    }
+    default:
+      typeMismatch(value, path, "an integer");
+  }
+}
+
+std::vector<double> readRealArray(const Json& value, const std::string& path) {
+  return readArray<double>(value, path, readReal);
+}
+
+ObjectReader::ObjectReader(const Json& value, std::string path)
+    : value_(value), path_(std::move(path)) {
+  if (!value_.is_object()) typeMismatch(value_, path_, "an object");
+}
+
+const Json* ObjectReader::find(std::string_view key) const {
+  auto it = value_.find(key);
+  return it == value_.end() ? nullptr : &*it;
+}
+
+}  // namespace json
+}  // namespace brisola

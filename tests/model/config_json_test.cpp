@@ -1,0 +1,278 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <nlohmann/json.hpp>
+
+#include "brisola/model/json_coding.hpp"
+#include "support/documents.hpp"
+
+namespace brisola {
+namespace {
+
+using ::testing::HasSubstr;
+using testing::richSnapshot;
+
+using Json = nlohmann::json;
+
+// A minimal valid document: one device with a pass-thru source and a system source.
+Json baseDocument() {
+  return Json::parse(R"({"schemaVersion":2,"ui":{"appearance":"system"},"devices":[{
+      "id":"d","name":"D","enabled":true,"sampleRate":48000,"channelCount":2,
+      "monitors":[{"id":"m","name":"M","enabled":true,"muted":false,"gain":1,"deviceUID":"u",
+                   "channelCount":2}],
+      "wires":[],
+      "sources":[{"id":"s","type":"passThru","name":"S","enabled":true,"muted":false,"gain":1,
+                  "channelCount":2,"metadata":{}},
+                 {"id":"t","type":"system","name":"T","enabled":true,"muted":false,"gain":1,
+                  "channelCount":2,"metadata":{}}]}]})");
+}
+
+std::string changed(const std::function<void(Json&)>& change) {
+  Json document = baseDocument();
+  change(document);
+  return document.dump();
+}
+
+DecodingError decodeFailure(const std::string& text) {
+  try {
+    decodeJSON<ConfigSnapshot>(text);
+  } catch (const DecodingError& error) {
+    return error;
+  }
+  ADD_FAILURE() << "decoding succeeded: " << text;
+  return DecodingError(DecodingError::Kind::dataCorrupted, "", "");
+}
+
+// Checks that every object's keys appear in sorted order in the written text.
+void expectKeysSortedEverywhere(const nlohmann::ordered_json& value, const std::string& where) {
+  if (value.is_object()) {
+    std::string previous;
+    for (const auto& [key, member] : value.items()) {
+      EXPECT_LT(previous, key) << "keys out of order in " << where;
+      previous = key;
+      expectKeysSortedEverywhere(member, where + "." + key);
+    }
+  } else if (value.is_array()) {
+    for (const auto& element : value) expectKeysSortedEverywhere(element, where + "[]");
+  }
+}
+
+TEST(ConfigJSON, AbsentAndNullOptionalKeysTakeTheirDefaultsAndAreWrittenBack) {
+  for (bool withNulls : {false, true}) {
+    ConfigSnapshot snapshot = decodeJSON<ConfigSnapshot>(changed([&](Json& d) {
+      if (!withNulls) return;
+      for (const char* key : {"volume", "uid", "icon", "channelGains"})
+        d["devices"][0][key] = nullptr;
+      d["devices"][0]["sources"][0]["muteWhenCapturing"] = nullptr;
+      d["ui"]["selectedDeviceID"] = nullptr;
+    }));
+    const DeviceConfig& device = snapshot.devices.at(0);
+    EXPECT_EQ(device.volume, 1.0);
+    EXPECT_EQ(device.uid, "app.brisola.device.d");
+    EXPECT_EQ(device.icon, "waveform.circle");
+    EXPECT_FALSE(device.channelGains.has_value());
+    EXPECT_FALSE(device.sources.at(0).muteWhenCapturing);
+    EXPECT_FALSE(snapshot.ui.selectedDeviceID.has_value());
+
+    auto written = nlohmann::json::parse(encodeJSON(snapshot));
+    const auto& writtenDevice = written["devices"][0];
+    EXPECT_EQ(writtenDevice["volume"], 1.0);
+    EXPECT_EQ(writtenDevice["uid"], "app.brisola.device.d");
+    EXPECT_EQ(writtenDevice["icon"], "waveform.circle");
+    EXPECT_FALSE(writtenDevice.contains("channelGains"));
+    EXPECT_EQ(writtenDevice["sources"][0]["muteWhenCapturing"], false);
+    EXPECT_EQ(writtenDevice["sources"][0]["metadata"], nlohmann::json::object());
+    EXPECT_EQ(written["ui"], nlohmann::json({{"appearance", "system"}}));
+  }
+}
+
+TEST(ConfigJSON, UIDDefaultFollowsTheIDReadInTheSameObject) {
+  // The id comes after where uid would be in key order; the default must still use it.
+  ConfigSnapshot snapshot = decodeJSON<ConfigSnapshot>(changed([](Json& d) {
+    d["devices"][0]["id"] = "later";
+    d["devices"][0]["uid"] = nullptr;
+  }));
+  EXPECT_EQ(snapshot.devices[0].uid, "app.brisola.device.later");
+  // A stored uid is kept as it is, even when it is not the derived form.
+  snapshot = decodeJSON<ConfigSnapshot>(changed([](Json& d) { d["devices"][0]["uid"] = "other"; }));
+  EXPECT_EQ(snapshot.devices[0].uid, "other");
+}
+
+TEST(ConfigJSON, EmptyChannelGainsListSurvivesWhileAbsentStaysAbsent) {
+  ConfigSnapshot snapshot = decodeJSON<ConfigSnapshot>(
+      changed([](Json& d) { d["devices"][0]["channelGains"] = Json::array(); }));
+  ASSERT_TRUE(snapshot.devices[0].channelGains.has_value());
+  EXPECT_TRUE(snapshot.devices[0].channelGains->empty());
+  auto written = nlohmann::json::parse(encodeJSON(snapshot));
+  EXPECT_EQ(written["devices"][0]["channelGains"], nlohmann::json::array());
+}
+
+TEST(ConfigJSON, RichDocumentRoundTripsExactly) {
+  ConfigSnapshot original = richSnapshot();
+  std::string text = encodeJSON(original);
+  ConfigSnapshot decoded = decodeJSON<ConfigSnapshot>(text);
+  EXPECT_EQ(decoded, original);
+  EXPECT_EQ(encodeJSON(decoded), text) << "writing is not deterministic";
+}
+
+TEST(ConfigJSON, RealsRoundTripInTheirShortestForm) {
+  ConfigSnapshot snapshot = richSnapshot();
+  snapshot.devices[0].volume = 0.1 + 0.2;
+  snapshot.devices[0].sampleRate = 48000;
+  snapshot.devices[1].sources[0].gain = 5e-324;  // smallest subnormal
+  std::string text = encodeJSON(snapshot);
+  EXPECT_THAT(text, HasSubstr("0.30000000000000004"));
+  EXPECT_THAT(text, HasSubstr("1e-05"));
+  EXPECT_THAT(text, HasSubstr("1.25"));
+  EXPECT_EQ(decodeJSON<ConfigSnapshot>(text), snapshot);
+}
+
+TEST(ConfigJSON, WriterSortsKeysAtEveryLevelAndNeverEscapesSlashes) {
+  std::string text = encodeJSON(richSnapshot());
+  EXPECT_THAT(text, HasSubstr("custom.uid/with/slashes"));
+  EXPECT_EQ(text.find("\\/"), std::string::npos);
+  EXPECT_THAT(text, HasSubstr("\n  \"devices\": ["));  // pretty-printed
+  auto ordered = nlohmann::ordered_json::parse(text);
+  expectKeysSortedEverywhere(ordered, "document");
+
+  std::vector<std::string> rootKeys, deviceKeys;
+  for (const auto& [key, value] : ordered.items()) rootKeys.push_back(key);
+  for (const auto& [key, value] : ordered["devices"][0].items()) deviceKeys.push_back(key);
+  EXPECT_THAT(rootKeys, ::testing::ElementsAre("devices", "schemaVersion", "ui"));
+  EXPECT_THAT(deviceKeys, ::testing::ElementsAre("channelCount", "channelGains", "enabled", "icon",
+                                                 "id", "monitors", "name", "sampleRate", "sources",
+                                                 "uid", "volume", "wires"));
+}
+
+TEST(ConfigJSON, EmptySnapshotIsWrittenWithItsThreeKeys) {
+  auto written = nlohmann::json::parse(encodeJSON(ConfigSnapshot::empty()));
+  EXPECT_EQ(written, nlohmann::json::parse(
+                         R"({"devices":[],"schemaVersion":2,"ui":{"appearance":"system"}})"));
+}
+
+TEST(ConfigJSON, ReadingAcceptsWhatTheFormatAllows) {
+  // Unknown keys, any schema version, integer-looking reals and whole-valued integers.
+  ConfigSnapshot snapshot = decodeJSON<ConfigSnapshot>(
+      R"({"schemaVersion":7,"future":{"x":[1,2]},"ui":{"appearance":"dark","extra":1},
+          "devices":[{"id":"d","name":"D","enabled":false,"sampleRate":44100,
+          "channelCount":4.0,"volume":2,"sources":[],"monitors":[],"wires":[]}]})");
+  EXPECT_EQ(snapshot.schemaVersion, 7);
+  EXPECT_EQ(snapshot.devices[0].sampleRate, 44100.0);
+  EXPECT_EQ(snapshot.devices[0].channelCount, 4);
+  EXPECT_EQ(snapshot.ui.appearance, Appearance::dark);
+
+  SourceMetadata metadata =
+      decodeJSON<ConfigSnapshot>(changed([](Json& d) {
+        d["devices"][0]["sources"][0]["metadata"] = {{"unknown", nullptr}, {"pid", nullptr}};
+      }))
+          .devices[0]
+          .sources[0]
+          .metadata;
+  EXPECT_EQ(metadata, SourceMetadata{});
+  auto limits = decodeJSON<ConfigSnapshot>(
+      R"({"schemaVersion":2,"ui":{"appearance":"light"},"devices":[{"id":"d","name":"D",
+          "enabled":true,"sampleRate":48000,"channelCount":2,"monitors":[],"wires":[],
+          "sources":[{"id":"s","type":"application","name":"A","enabled":true,"muted":false,
+          "gain":1,"channelCount":2,"metadata":{"pid":-2147483648,
+          "processObjectID":18446744073709551615}}]}]})");
+  EXPECT_EQ(limits.devices[0].sources[0].metadata.pid, -2147483647 - 1);
+  EXPECT_EQ(limits.devices[0].sources[0].metadata.processObjectID, 18446744073709551615ULL);
+}
+
+struct FailureCase {
+  const char* name;
+  std::string text;
+  DecodingError::Kind kind;
+  std::string path;
+};
+
+TEST(ConfigJSON, ReadFailuresNameTheKeyPathAndTheProblem) {
+  using Kind = DecodingError::Kind;
+  auto device = [](Json& d) -> Json& { return d["devices"][0]; };
+  auto source = [&](Json& d, int i) -> Json& { return device(d)["sources"][i]; };
+  std::vector<FailureCase> cases = {
+      {"missing channelCount in the second source",
+       changed([&](Json& d) { source(d, 1).erase("channelCount"); }), Kind::keyNotFound,
+       "devices[0].sources[1].channelCount"},
+      {"monitor without gain", changed([&](Json& d) { device(d)["monitors"][0].erase("gain"); }),
+       Kind::keyNotFound, "devices[0].monitors[0].gain"},
+      {"enumeration in the wrong case",
+       changed([&](Json& d) { source(d, 0)["type"] = "PassThru"; }), Kind::unknownCase,
+       "devices[0].sources[0].type"},
+      {"unknown appearance", changed([](Json& d) { d["ui"]["appearance"] = "auto"; }),
+       Kind::unknownCase, "ui.appearance"},
+      {"fractional integer", changed([&](Json& d) { device(d)["channelCount"] = 2.5; }),
+       Kind::typeMismatch, "devices[0].channelCount"},
+      {"pid beyond 32 bits",
+       changed([&](Json& d) { source(d, 0)["metadata"]["pid"] = 4294967296ULL; }),
+       Kind::valueOutOfRange, "devices[0].sources[0].metadata.pid"},
+      {"negative process object",
+       changed([&](Json& d) { source(d, 1)["metadata"]["processObjectID"] = -1; }),
+       Kind::valueOutOfRange, "devices[0].sources[1].metadata.processObjectID"},
+      {"fractional process object",
+       changed([&](Json& d) { source(d, 0)["metadata"]["processObjectID"] = 1.5; }),
+       Kind::typeMismatch, "devices[0].sources[0].metadata.processObjectID"},
+      {"string for a number", changed([&](Json& d) { device(d)["volume"] = "1.0"; }),
+       Kind::typeMismatch, "devices[0].volume"},
+      {"null for a required key", changed([&](Json& d) { source(d, 0)["gain"] = nullptr; }),
+       Kind::typeMismatch, "devices[0].sources[0].gain"},
+      {"number for a flag", changed([&](Json& d) { device(d)["enabled"] = 1; }), Kind::typeMismatch,
+       "devices[0].enabled"},
+      {"object for a list", changed([](Json& d) { d["devices"] = Json::object(); }),
+       Kind::typeMismatch, "devices"},
+      {"wire endpoint kind", changed([&](Json& d) {
+         device(d)["wires"] = Json::parse(R"([{"id":"w","from":{"kind":"source","ownerID":"s",
+             "channel":1},"to":{"kind":"output","ownerID":"d","channel":1}}])");
+       }),
+       Kind::unknownCase, "devices[0].wires[0].to.kind"},
+      {"empty object", "{}", Kind::keyNotFound, "schemaVersion"},
+      {"array at the top", "[]", Kind::typeMismatch, ""},
+      {"not JSON", "schemaVersion: 2", Kind::dataCorrupted, ""},
+      {"truncated", baseDocument().dump().substr(0, 120), Kind::dataCorrupted, ""},
+      {"number beyond a double", R"({"schemaVersion":2,"devices":[],"ui":{"appearance":1e400}})",
+       Kind::dataCorrupted, ""},
+      {"invalid UTF-8", "{\"schemaVersion\":2,\"devices\":[],\"ui\":{\"appearance\":\"\xff\"}}",
+       Kind::dataCorrupted, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    DecodingError error = decodeFailure(c.text);
+    EXPECT_EQ(error.kind(), c.kind) << error.what();
+    EXPECT_EQ(error.path(), c.path) << error.what();
+    if (!c.path.empty()) {
+      EXPECT_THAT(error.what(), HasSubstr(c.path));
+    }
+  }
+}
+
+TEST(ConfigJSON, DeeplyNestedGarbageFailsOrIsIgnoredWithoutCrashing) {
+  const std::size_t depth = 100000;
+  std::string nested = std::string(depth, '[') + std::string(depth, ']');
+  // Under an unknown key the structure is parsed and ignored.
+  std::string document =
+      R"({"schemaVersion":2,"devices":[],"ui":{"appearance":"system"},"x":)" + nested + "}";
+  EXPECT_EQ(decodeJSON<ConfigSnapshot>(document), ConfigSnapshot::empty());
+  // In place of a device it is a type error at that element.
+  document = R"({"schemaVersion":2,"ui":{"appearance":"system"},"devices":[)" + nested + "]}";
+  EXPECT_EQ(decodeFailure(document).path(), "devices[0]");
+  // Unbalanced: not JSON.
+  EXPECT_EQ(decodeFailure(std::string(depth, '[')).kind(), DecodingError::Kind::dataCorrupted);
+}
+
+TEST(ConfigJSON, WritingRefusesWhatJSONCannotCarry) {
+  ConfigSnapshot snapshot = richSnapshot();
+  snapshot.devices[1].sources[0].channelGains = std::vector<double>{1.0, std::nan("")};
+  try {
+    encodeJSON(snapshot);
+    FAIL() << "a NaN gain was written";
+  } catch (const EncodingError& error) {
+    EXPECT_EQ(error.path(), "devices[1].sources[0].channelGains[1]");
+  }
+  snapshot = richSnapshot();
+  snapshot.devices[0].name = "bad \xC3";
+  EXPECT_THROW(encodeJSON(snapshot), EncodingError);
+}
+
+}  // namespace
+}  // namespace brisola
