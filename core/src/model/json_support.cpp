@@ -59,7 +59,23 @@ std::string parseProblem(const std::string& message) {
   return close == std::string::npos ? message : message.substr(close + 2);
 }
 
-void checkEncodable(const Json& value, const std::string& path) {
+bool hasNonFiniteNumber(const Json& value) {
+  switch (value.type()) {
+    case Json::value_t::number_float:
+      return !std::isfinite(value.get<double>());
+    case Json::value_t::object:
+    case Json::value_t::array:
+      for (const auto& member : value) {
+        if (hasNonFiniteNumber(member)) return true;
+      }
+      return false;
+    default:
+      return false;
+  }
+}
+
+// Only walked with paths once a problem is known to exist, to keep writing cheap.
+void reportNonFiniteNumber(const Json& value, const std::string& path) {
   switch (value.type()) {
     case Json::value_t::number_float:
       if (!std::isfinite(value.get<double>())) {
@@ -68,10 +84,13 @@ void checkEncodable(const Json& value, const std::string& path) {
       }
       break;
     case Json::value_t::object:
-      for (const auto& [key, member] : value.items()) checkEncodable(member, childPath(path, key));
+      for (const auto& [key, member] : value.items()) {
+        reportNonFiniteNumber(member, childPath(path, key));
+      }
       break;
     case Json::value_t::array:
-      for (std::size_t i = 0; i < value.size(); ++i) checkEncodable(value[i], indexPath(path, i));
+      for (std::size_t i = 0; i < value.size(); ++i)
+        reportNonFiniteNumber(value[i], indexPath(path, i));
       break;
     default:
       break;
@@ -111,7 +130,7 @@ Json parse(std::string_view bytes) {
 }
 
 std::string dump(const Json& value) {
-  checkEncodable(value, "");
+  if (hasNonFiniteNumber(value)) reportNonFiniteNumber(value, "");
   try {
     return value.dump(2);
   } catch (const Json::type_error& error) {

@@ -89,6 +89,10 @@ bool canonicallyEqual(std::string_view a, std::string_view b) {
 
 std::string truncatedToByteLength(std::string_view text, std::size_t maxBytes) {
   if (text.size() <= maxBytes) return std::string(text);
+  // Start from the last code point start at or before the limit: ICU snaps offsets inside a
+  // code point back to its start, which would lose one character too many.
+  std::size_t limit = maxBytes;
+  while (limit > 0 && (static_cast<unsigned char>(text[limit]) & 0xC0) == 0x80) --limit;
   UErrorCode status = U_ZERO_ERROR;
   std::unique_ptr<icu::BreakIterator> characters(
       icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
@@ -96,10 +100,11 @@ std::string truncatedToByteLength(std::string_view text, std::size_t maxBytes) {
   UText* utext = utext_openUTF8(nullptr, text.data(), static_cast<int64_t>(text.size()), &status);
   if (U_FAILURE(status)) throw std::runtime_error("ICU could not open the text");
   characters->setText(utext, status);
-  // Native indices of a UTF-8 UText are byte offsets: the last boundary that fits wins.
-  int32_t boundary = characters->preceding(static_cast<int32_t>(maxBytes) + 1);
+  // Native indices of a UTF-8 text are byte offsets.
+  auto offset = static_cast<int32_t>(limit);
+  int32_t boundary = characters->isBoundary(offset) ? offset : characters->preceding(offset);
   utext_close(utext);
-  if (boundary == icu::BreakIterator::DONE) boundary = 0;
+  if (boundary == icu::BreakIterator::DONE || boundary < 0) boundary = 0;
   return std::string(text.substr(0, static_cast<std::size_t>(boundary)));
 }
 
@@ -148,25 +153,27 @@ struct LocalizedStandardOrder::Impl {
   std::unique_ptr<icu::Collator> collator;
 };
 
-LocalizedStandardOrder::LocalizedStandardOrder() : impl_(std::make_unique<Impl>()) {
+LocalizedStandardOrder::LocalizedStandardOrder() {
+  auto impl = std::make_shared<Impl>();
   UErrorCode status = U_ZERO_ERROR;
-  impl_->collator.reset(icu::Collator::createInstance(icu::Locale::getDefault(), status));
+  // The C/POSIX locale maps to ICU's en_US_POSIX, whose collation is plain code order; a
+  // process without a language preference sorts like the root locale instead.
+  icu::Locale locale = icu::Locale::getDefault();
+  if (std::string_view(locale.getVariant()) == "POSIX") locale = icu::Locale::getRoot();
+  impl->collator.reset(icu::Collator::createInstance(locale, status));
   if (U_FAILURE(status)) {
     status = U_ZERO_ERROR;
-    impl_->collator.reset(icu::Collator::createInstance(icu::Locale::getRoot(), status));
+    impl->collator.reset(icu::Collator::createInstance(icu::Locale::getRoot(), status));
   }
-  if (U_FAILURE(status) || !impl_->collator)
+  if (U_FAILURE(status) || !impl->collator) {
     throw std::runtime_error("ICU collation is unavailable");
+  }
   // Secondary strength ignores case but keeps accents; numeric collation orders digit runs
   // by value.
-  impl_->collator->setStrength(icu::Collator::SECONDARY);
-  impl_->collator->setAttribute(UCOL_NUMERIC_COLLATION, UCOL_ON, status);
+  impl->collator->setStrength(icu::Collator::SECONDARY);
+  impl->collator->setAttribute(UCOL_NUMERIC_COLLATION, UCOL_ON, status);
+  impl_ = std::move(impl);
 }
-
-LocalizedStandardOrder::~LocalizedStandardOrder() = default;
-LocalizedStandardOrder::LocalizedStandardOrder(LocalizedStandardOrder&&) noexcept = default;
-LocalizedStandardOrder& LocalizedStandardOrder::operator=(LocalizedStandardOrder&&) noexcept =
-    default;
 
 int LocalizedStandardOrder::compare(std::string_view a, std::string_view b) const {
   UErrorCode status = U_ZERO_ERROR;

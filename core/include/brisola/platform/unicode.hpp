@@ -37,17 +37,15 @@ std::string lowercased(std::string_view text);
 // value, by the current locale ("mic 9" before "Mic 10"). Returns <0, 0 or >0.
 class LocalizedStandardOrder {
  public:
+  // Cheap to copy: copies share one collator (comparison does not change it).
   LocalizedStandardOrder();
-  ~LocalizedStandardOrder();
-  LocalizedStandardOrder(LocalizedStandardOrder&&) noexcept;
-  LocalizedStandardOrder& operator=(LocalizedStandardOrder&&) noexcept;
 
   int compare(std::string_view a, std::string_view b) const;
   bool operator()(std::string_view a, std::string_view b) const { return compare(a, b) < 0; }
 
  private:
   struct Impl;
-  std::unique_ptr<Impl> impl_;
+  std::shared_ptr<const Impl> impl_;
 };
 
 }  // namespace brisola::unicode

@@ -1,0 +1,175 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <regex>
+#include <set>
+
+#include "brisola/platform/file_manager.hpp"
+#include "brisola/platform/uuid.hpp"
+#include "support/temp_dir.hpp"
+
+namespace brisola {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::readFile;
+using testing::TempDir;
+using testing::writeFile;
+
+std::set<std::string> openDescriptors() {
+  std::set<std::string> result;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    result.insert(entry.path().filename().string());
+  }
+  return result;
+}
+
+class ScopedEnvironment {
+ public:
+  ScopedEnvironment(const char* name, const char* value) : name_(name) {
+    if (const char* old = std::getenv(name)) old_ = old;
+    if (value != nullptr) {
+      ::setenv(name, value, 1);
+    } else {
+      ::unsetenv(name);
+    }
+  }
+  ~ScopedEnvironment() {
+    if (old_) {
+      ::setenv(name_, old_->c_str(), 1);
+    } else {
+      ::unsetenv(name_);
+    }
+  }
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+TEST(PosixFileManager, WritingFlushesWholeFilesAndDescriptorsAreCloseOnExec) {
+  TempDir dir;
+  auto manager = FileManager::defaultManager();
+  auto before = openDescriptors();
+
+  auto file = manager->createWritableFile(dir / "a.txt");
+  bool sawCloseOnExec = false;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code ignored;
+    if (fs::read_symlink(entry.path(), ignored) == dir / "a.txt") {
+      int fd = std::stoi(entry.path().filename().string());
+      sawCloseOnExec = (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+    }
+  }
+  EXPECT_TRUE(sawCloseOnExec);
+  file->append("hello ");
+  file->append(std::string(200000, 'x'));
+  file->sync();
+  file->close();
+  EXPECT_EQ(readFile(dir / "a.txt"), "hello " + std::string(200000, 'x'));
+
+  manager->write(dir / "a.txt", "short");  // truncates
+  EXPECT_EQ(manager->contents(dir / "a.txt"), "short");
+  EXPECT_THROW(manager->contents(dir / "missing"), fs::filesystem_error);
+  EXPECT_THROW(manager->contents(dir.path()), fs::filesystem_error);
+  manager->contentsOfDirectory(dir.path());
+  EXPECT_EQ(openDescriptors(), before) << "a descriptor leaked";
+}
+
+TEST(PosixFileManager, MoveRefusesAnExistingDestinationWhileReplaceOverwrites) {
+  TempDir dir;
+  auto manager = FileManager::defaultManager();
+  writeFile(dir / "a", "A");
+  writeFile(dir / "b", "B");
+  try {
+    manager->moveItem(dir / "a", dir / "b");
+    FAIL() << "move overwrote an existing file";
+  } catch (const fs::filesystem_error& error) {
+    EXPECT_EQ(error.code(), std::errc::file_exists);
+    EXPECT_EQ(error.path1(), dir / "a");
+  }
+  EXPECT_EQ(readFile(dir / "b"), "B");
+  manager->replaceItem(dir / "b", dir / "a");
+  EXPECT_EQ(readFile(dir / "b"), "A");
+  EXPECT_FALSE(manager->fileExists(dir / "a"));
+  manager->moveItem(dir / "b", dir / "c");
+  EXPECT_EQ(readFile(dir / "c"), "A");
+}
+
+TEST(PosixFileManager, DirectoriesListingsAndAttributes) {
+  TempDir dir;
+  auto manager = FileManager::defaultManager();
+  manager->createDirectory(dir / "x" / "y" / "z", true);
+  manager->createDirectory(dir / "x" / "y" / "z", true);  // existing is fine
+  EXPECT_THROW(manager->createDirectory(dir / "p" / "q", false), fs::filesystem_error);
+  writeFile(dir / "file", "");
+  EXPECT_THROW(manager->createDirectory(dir / "file", true), fs::filesystem_error);
+
+  writeFile(dir / "x" / ".hidden", "");
+  auto names = manager->contentsOfDirectory(dir / "x");
+  EXPECT_THAT(names, ::testing::UnorderedElementsAre("y", ".hidden"));
+
+  writeFile(dir / "kept", "content");
+  manager->createFile(dir / "kept");
+  EXPECT_EQ(readFile(dir / "kept"), "content");
+  manager->createFile(dir / "new");
+  EXPECT_EQ(readFile(dir / "new"), "");
+
+  auto date = FileManager::Clock::time_point(std::chrono::seconds(1700000000)) +
+              std::chrono::microseconds(250000);
+  manager->setModificationDate(dir / "kept", date);
+  EXPECT_EQ(manager->modificationDate(dir / "kept"), date);
+  EXPECT_EQ(manager->modificationDate(dir / "missing"), std::nullopt);
+
+  ::chmod((dir / "kept").c_str(), 0644);
+  EXPECT_FALSE(manager->isExecutableFile(dir / "kept"));
+  ::chmod((dir / "kept").c_str(), 0755);
+  EXPECT_TRUE(manager->isExecutableFile(dir / "kept"));
+  EXPECT_FALSE(manager->isExecutableFile(dir / "x"));
+  fs::create_symlink(dir / "x", dir / "link");
+  EXPECT_TRUE(manager->fileExists(dir / "link"));
+  fs::create_symlink(dir / "nowhere", dir / "dangling");
+  EXPECT_FALSE(manager->fileExists(dir / "dangling"));
+}
+
+TEST(PosixFileManager, ApplicationSupportFollowsXDGThenHome) {
+  auto manager = FileManager::defaultManager();
+  {
+    ScopedEnvironment xdg("XDG_DATA_HOME", "/data/home");
+    ScopedEnvironment home("HOME", "/home/someone");
+    EXPECT_THAT(manager->applicationSupportDirectories(),
+                ::testing::ElementsAre(fs::path("/data/home")));
+  }
+  {
+    ScopedEnvironment xdg("XDG_DATA_HOME", "relative/path");
+    ScopedEnvironment home("HOME", "/home/someone");
+    EXPECT_THAT(manager->applicationSupportDirectories(),
+                ::testing::ElementsAre(fs::path("/home/someone/.local/share")));
+  }
+  {
+    ScopedEnvironment xdg("XDG_DATA_HOME", nullptr);
+    ScopedEnvironment home("HOME", "");
+    fs::path fromPasswd = manager->homeDirectory();
+    EXPECT_FALSE(fromPasswd.empty());
+    EXPECT_TRUE(fromPasswd.is_absolute());
+  }
+}
+
+TEST(UUIDText, IsFreshUpperCaseAndThirtySixCharactersLong) {
+  std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+  std::set<std::string> seen;
+  for (int i = 0; i < 1000; ++i) {
+    std::string text = makeUUIDString();
+    ASSERT_TRUE(std::regex_match(text, form)) << text;
+    seen.insert(text);
+  }
+  EXPECT_EQ(seen.size(), 1000u);
+}
+
+}  // namespace
+}  // namespace brisola

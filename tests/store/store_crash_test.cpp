@@ -1,0 +1,69 @@
+// A writer killed at any moment must leave a loadable, whole document behind.
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <random>
+#include <thread>
+
+#include "brisola/store/config_store.hpp"
+#include "support/documents.hpp"
+#include "support/temp_dir.hpp"
+
+namespace brisola {
+namespace {
+
+TEST(ConfigStoreCrash, KilledWriterNeverLeavesATornOrMissingDocument) {
+  testing::TempDir dir;
+  ConfigStore store(dir / "config.json", FileManager::defaultManager());
+  const ConfigSnapshot first = testing::richSnapshot();
+  ConfigSnapshot second = ConfigSnapshot::empty();
+  for (int i = 0; i < 40; ++i) {
+    second.devices.push_back(testing::stereoDevice("d" + std::to_string(i), "Device"));
+  }
+  store.save(first);
+
+  std::mt19937 random(12345);
+  std::uniform_int_distribution<int> delayMicroseconds(0, 4000);
+  const int kills = 400;
+  int sawFirst = 0;
+  int sawSecond = 0;
+  for (int round = 0; round < kills; ++round) {
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      try {
+        for (;;) {
+          store.save(second);
+          store.save(first);
+        }
+      } catch (...) {
+        ::_exit(3);
+      }
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(delayMicroseconds(random)));
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself, status " << status;
+
+    ConfigSnapshot loaded = store.load();
+    if (loaded == first) {
+      ++sawFirst;
+    } else if (loaded == second) {
+      ++sawSecond;
+    } else {
+      FAIL() << "round " << round << " loaded a document that was never saved";
+    }
+  }
+  // Both documents must have been seen, or the kills did not land while writing.
+  EXPECT_GT(sawFirst, 0);
+  EXPECT_GT(sawSecond, 0);
+}
+
+}  // namespace
+}  // namespace brisola
