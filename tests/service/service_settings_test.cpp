@@ -1,0 +1,152 @@
+#include <sys/stat.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "service/number_text.hpp"
+#include "service/service_log.hpp"
+#include "service/service_settings.hpp"
+#include "support/temp_dir.hpp"
+
+namespace brisola {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::TempDir;
+
+TEST(ServiceSettings, TruthyValuesAreTheFourWordsInAnyCaseAndNothingElse) {
+  for (const char* yes : {"1", "true", "TRUE", "Yes", "ON", "on"}) {
+    EXPECT_TRUE(ServiceSettings::isTruthy(std::string(yes))) << yes;
+  }
+  for (const char* no : {"0", "false", "no", "off", "y", "", " true", "true ", "2"}) {
+    EXPECT_FALSE(ServiceSettings::isTruthy(std::string(no))) << '"' << no << '"';
+  }
+  EXPECT_FALSE(ServiceSettings::isTruthy(std::nullopt));
+}
+
+TEST(ServiceSettings, PollIntervalAcceptsOnlyWholeStrtodNumbersAboveZero) {
+  struct Case {
+    std::optional<std::string> text;
+    double seconds;
+  };
+  std::vector<Case> cases = {
+      {std::nullopt, 1.0}, {"0.25", 0.25}, {"1e1", 10.0},   {"+2", 2.0},       {"0x10", 16.0},
+      {"2.", 2.0},         {".5", 0.5},    {"0", 1.0},      {"-3", 1.0},       {"abc", 1.0},
+      {"nan", 1.0},        {"", 1.0},      {" 2", 1.0},     {"2 ", 1.0},       {"\t2", 1.0},
+      {"2s", 1.0},         {"1,5", 1.0},   {"inf", 3600.0}, {"1e300", 3600.0}, {"1e-300", 0.01},
+  };
+  for (const auto& c : cases) {
+    EXPECT_DOUBLE_EQ(ServiceSettings::pollInterval(c.text), c.seconds)
+        << (c.text ? '"' + *c.text + '"' : "absent");
+  }
+}
+
+class HelperPathsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    previous_ = fs::current_path();
+    fs::current_path(dir_.path());
+  }
+  void TearDown() override { fs::current_path(previous_); }
+
+  fs::path makeHelper(const fs::path& directory, std::string_view name, bool executable = true) {
+    fs::create_directories(directory);
+    fs::path path = directory / name;
+    testing::writeFile(path, "#!/bin/sh\n");
+    ::chmod(path.c_str(), executable ? 0755 : 0644);
+    return path;
+  }
+  void makeAll(const fs::path& directory) {
+    for (auto name :
+         {HelperPaths::monitorName, HelperPaths::hardwareSourceName, HelperPaths::processTapName}) {
+      makeHelper(directory, name);
+    }
+  }
+
+  TempDir dir_;
+  fs::path previous_;
+  const FileManager& files_ = *FileManager::defaultManager();
+};
+
+TEST_F(HelperPathsTest, CandidatesAreOrderedStandardisedAndDeduplicated) {
+  fs::path cwd = fs::current_path();
+  auto candidates =
+      HelperPaths::candidateDirectories({{"BRISOLA_HELPER_DIR", "helpers/../helpers/"}},
+                                        {"build/./service/brisola-audio-service"}, files_);
+  EXPECT_THAT(candidates,
+              ::testing::ElementsAre(cwd / "helpers", cwd / "build/service", cwd / "build/tools"));
+
+  candidates = HelperPaths::candidateDirectories({{"BRISOLA_HELPER_DIR", ""}},
+                                                 {"/opt/brisola/bin/service"}, files_);
+  EXPECT_THAT(candidates, ::testing::ElementsAre(fs::path("/opt/brisola/bin"), cwd / "build/tools",
+                                                 cwd / "build/service"));
+  candidates = HelperPaths::candidateDirectories({}, {}, files_);
+  EXPECT_THAT(candidates, ::testing::ElementsAre(cwd / "build/tools", cwd / "build/service"));
+}
+
+TEST_F(HelperPathsTest, LookupPrefersTheEnvironmentAndSkipsNonExecutables) {
+  fs::path cwd = fs::current_path();
+  makeAll(cwd / "env");
+  makeAll(cwd / "self");
+  Environment environment{{"BRISOLA_HELPER_DIR", (cwd / "env").string()}};
+  HelperPaths paths = HelperPaths::resolve(environment, {(cwd / "self" / "svc").string()}, files_);
+  EXPECT_EQ(paths.monitor, cwd / "env" / "brisola-monitor");
+  EXPECT_EQ(paths.processTap, cwd / "env" / "brisola-process-tap");
+
+  makeHelper(cwd / "env", "brisola-hardware-source", false);  // present but not executable
+  ::chmod((cwd / "env" / "brisola-hardware-source").c_str(), 0644);
+  paths = HelperPaths::resolve(environment, {(cwd / "self" / "svc").string()}, files_);
+  EXPECT_EQ(paths.hardwareSource, cwd / "self" / "brisola-hardware-source");
+}
+
+TEST_F(HelperPathsTest, TheFirstMissingHelperIsNamed) {
+  try {
+    HelperPaths::resolve({}, {"svc"}, files_);
+    FAIL();
+  } catch (const ServiceError& error) {
+    EXPECT_STREQ(error.what(),
+                 "Could not find executable helper 'brisola-monitor'. Build helpers with "
+                 "scripts/build-service.sh.");
+  }
+  makeHelper(fs::current_path() / "build/tools", "brisola-monitor");
+  makeHelper(fs::current_path() / "build/service", "brisola-process-tap");
+  try {
+    HelperPaths::resolve({}, {"svc"}, files_);
+    FAIL();
+  } catch (const ServiceError& error) {
+    EXPECT_EQ(error, ServiceError::missingHelper("brisola-hardware-source"));
+  }
+}
+
+TEST(NumberText, ShortestRoundTripWithAFractionOrAnExponent) {
+  struct Case {
+    double value;
+    const char* text;
+  };
+  for (const auto& c : std::vector<Case>{{1.0, "1.0"},
+                                         {0.5, "0.5"},
+                                         {1.25, "1.25"},
+                                         {1e-05, "1e-05"},
+                                         {0.0001, "0.0001"},
+                                         {0.1 + 0.2, "0.30000000000000004"},
+                                         {1e16, "1e+16"},
+                                         {1234567890123456.0, "1234567890123456.0"},
+                                         {2.5e-07, "2.5e-07"},
+                                         {-0.0, "-0.0"},
+                                         {100.0, "100.0"}}) {
+    EXPECT_EQ(shortestText(c.value), c.text);
+  }
+  EXPECT_EQ(shortestText(0.1f), "0.1");
+  EXPECT_EQ(shortestText(0.75f), "0.75");
+  EXPECT_EQ(shortestText(static_cast<float>(1.0 / 3.0)), "0.33333334");
+}
+
+TEST(ServiceLog, LinesCarryAnISO8601UTCStampWithWholeSeconds) {
+  auto time = std::chrono::sys_days(std::chrono::year(2026) / 3 / 4) + std::chrono::hours(9) +
+              std::chrono::minutes(15) + std::chrono::seconds(27) + std::chrono::milliseconds(900);
+  EXPECT_EQ(BrisolaServiceLog::format("Starting Brisola audio service", time),
+            "[2026-03-04T09:15:27Z] Starting Brisola audio service");
+}
+
+}  // namespace
+}  // namespace brisola
