@@ -27,8 +27,17 @@ TEST(ConfigStoreCrash, KilledWriterNeverLeavesATornOrMissingDocument) {
   }
   store.save(first);
 
+  // Kill within about two rounds of saves, however fast this build saves, so that kills land
+  // before, during and after each step of both saves.
+  auto started = std::chrono::steady_clock::now();
+  for (int i = 0; i < 3; ++i) {
+    store.save(second);
+    store.save(first);
+  }
+  auto saveRound = std::chrono::duration_cast<std::chrono::microseconds>(
+                   std::chrono::steady_clock::now() - started) / 3;
   std::mt19937 random(12345);
-  std::uniform_int_distribution<int> delayMicroseconds(0, 4000);
+  std::uniform_int_distribution<long> delayMicroseconds(0, 2 * saveRound.count() + 100);
   const int kills = 400;
   int sawFirst = 0;
   int sawSecond = 0;
