@@ -22,7 +22,12 @@ namespace {
 using SourceIndex = CanonicalKeyIndex<const SourceConfig*>;
 using MonitorIndex = CanonicalKeyIndex<const MonitorConfig*>;
 
-constexpr std::string_view kGainMessage = "Gain must be finite and between 0.0 and 2.0.";
+// The per-device tables, set up once per validation and reset for every device.
+struct DeviceIndexes {
+  SourceIndex sources;
+  MonitorIndex monitors;
+  CanonicalKeyIndex<bool> wireIDs;
+};
 
 // Paths and codes are only put together when an issue is emitted.
 template <typename... Parts>
@@ -91,7 +96,7 @@ void validateChannelGains(std::string_view entity, const std::optional<std::vect
 void validateGain(std::string_view entity, double gain, std::string_view path,
                   ValidationBuilder& builder) {
   if (isInGainRange(gain)) return;
-  builder.addError(joined(entity, ".invalidGain"), std::string(kGainMessage),
+  builder.addError(joined(entity, ".invalidGain"), "Gain must be finite and between 0.0 and 2.0.",
                    joined(path, ".gain"));
 }
 
@@ -107,12 +112,12 @@ void validateSchema(const ConfigSnapshot& snapshot, ValidationBuilder& builder) 
 void validateDuplicateDeviceIdentifiers(const ConfigSnapshot& snapshot,
                                         ValidationBuilder& builder) {
   CanonicalKeyIndex<bool> ids;
-  ids.reserve(snapshot.devices.size());
+  ids.reset(snapshot.devices.size());
   for (const auto& device : snapshot.devices) {
     indexIdentifier(ids, device.id, true, "device.duplicateID", "devices", "", builder);
   }
   CanonicalKeyIndex<bool> uids;
-  uids.reserve(snapshot.devices.size());
+  uids.reset(snapshot.devices.size());
   for (const auto& device : snapshot.devices) {
     indexIdentifier(uids, device.uid, true, "device.duplicateUID", "devices", "", builder);
   }
@@ -262,7 +267,8 @@ void validate(const Wire& wire, const DeviceConfig& device, const SourceIndex& s
   validate(wire.to, "to", device, sources, monitors, path, builder);
 }
 
-void validate(const DeviceConfig& device, std::string_view path, ValidationBuilder& builder) {
+void validate(const DeviceConfig& device, std::string_view path, DeviceIndexes& indexes,
+              ValidationBuilder& builder) {
   if (device.id.empty()) {
     builder.addError("device.emptyID", "Device ID must not be empty.", joined(path, ".id"));
   }
@@ -295,21 +301,20 @@ void validate(const DeviceConfig& device, std::string_view path, ValidationBuild
   }
 
   // Built by the duplicate rules, then consulted by the wire endpoints.
-  SourceIndex sources;
-  sources.reserve(device.sources.size());
+  SourceIndex& sources = indexes.sources;
+  sources.reset(device.sources.size());
   for (const auto& source : device.sources) {
     indexIdentifier(sources, source.id, &source, "source.duplicateID", path, ".sources", builder);
   }
-  MonitorIndex monitors;
-  monitors.reserve(device.monitors.size());
+  MonitorIndex& monitors = indexes.monitors;
+  monitors.reset(device.monitors.size());
   for (const auto& monitor : device.monitors) {
     indexIdentifier(monitors, monitor.id, &monitor, "monitor.duplicateID", path, ".monitors",
                     builder);
   }
-  CanonicalKeyIndex<bool> wireIDs;
-  wireIDs.reserve(device.wires.size());
+  indexes.wireIDs.reset(device.wires.size());
   for (const auto& wire : device.wires) {
-    indexIdentifier(wireIDs, wire.id, true, "wire.duplicateID", path, ".wires", builder);
+    indexIdentifier(indexes.wireIDs, wire.id, true, "wire.duplicateID", path, ".wires", builder);
   }
 
   std::string elementPath;
@@ -344,10 +349,11 @@ ValidationResult ConfigValidator::validate(const ConfigSnapshot& snapshot) const
   ValidationBuilder builder;
   validateSchema(snapshot, builder);
   validateDuplicateDeviceIdentifiers(snapshot, builder);
+  DeviceIndexes indexes;
   std::string devicePath;
   for (std::size_t i = 0; i < snapshot.devices.size(); ++i) {
     devicePath.assign("devices[").append(std::to_string(i)).append("]");
-    brisola::validate(snapshot.devices[i], devicePath, builder);
+    brisola::validate(snapshot.devices[i], devicePath, indexes, builder);
   }
   validateSelectedDevice(snapshot, builder);
   validateNestedDeviceGraph(snapshot, builder);

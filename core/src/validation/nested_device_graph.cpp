@@ -44,7 +44,7 @@ void validateNestedDeviceGraph(const ConfigSnapshot& snapshot, ValidationBuilder
 
   // One node per distinct identifier: devices that share one are merged, edges and all.
   CanonicalKeyIndex<std::uint32_t> nodes;
-  nodes.reserve(devices.size());
+  nodes.reset(devices.size());
   std::vector<std::uint32_t> nodeOfDevice;
   nodeOfDevice.reserve(devices.size());
   for (const auto& device : devices) {
