@@ -1,0 +1,128 @@
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "brisola/validation/validation.hpp"
+#include "validation/validation_test_support.hpp"
+
+namespace brisola {
+namespace {
+
+// A device and the devices its nested sources name, in source order (nullopt: no reference).
+struct Node {
+  std::string id;
+  std::vector<std::optional<std::string>> targets;
+};
+
+ConfigSnapshot graph(const std::vector<Node>& nodes) {
+  ConfigSnapshot snapshot = ConfigSnapshot::empty();
+  for (const auto& node : nodes) {
+    DeviceConfig device{.id = node.id, .name = "Mix", .sampleRate = 48000, .channelCount = 2};
+    device.uid = "uid." + std::to_string(snapshot.devices.size());
+    for (std::size_t j = 0; j < node.targets.size(); ++j) {
+      device.sources.push_back(SourceConfig{.id = "feed" + std::to_string(j),
+                                            .type = SourceType::virtualDevice,
+                                            .name = "Feed " + std::to_string(j),
+                                            .gain = 1.0,
+                                            .channelCount = 2,
+                                            .metadata = {.sourceDeviceID = node.targets[j]}});
+    }
+    snapshot.devices.push_back(std::move(device));
+  }
+  return snapshot;
+}
+
+ValidationIssue cycle(const std::string& device) {
+  return {"device.nestedDeviceCycle",
+          "Nested device sources form a cycle involving device '" + device + "'.", "devices"};
+}
+
+TEST(NestedDeviceGraph, SmallGraphs) {
+  struct Row {
+    std::string label;
+    std::vector<Node> nodes;
+    std::vector<ValidationIssue> errors;
+    std::vector<ValidationIssue> warnings;
+  };
+  const std::vector<Row> rows{
+      {"self-nesting", {{"a", {"a"}}}, {cycle("a")}, {}},
+      {"two-device loop starting at a", {{"a", {"b"}}, {"b", {"a"}}}, {cycle("a")}, {}},
+      {"two-device loop starting at b", {{"b", {"a"}}, {"a", {"b"}}}, {cycle("b")}, {}},
+      {"cycle entered from outside",
+       {{"x", {"a"}}, {"a", {"b"}}, {"b", {"c"}}, {"c", {"a"}}},
+       {cycle("a")},
+       {}},
+      {"chain", {{"a", {"b"}}, {"b", {"c"}}, {"c", {}}}, {}, {}},
+      {"diamond", {{"a", {"b", "c"}}, {"b", {"d"}}, {"c", {"d"}}, {"d", {}}}, {}, {}},
+      {"two devices feeding one", {{"a", {"c"}}, {"b", {"c"}}, {"c", {}}}, {}, {}},
+      {"one device named twice", {{"a", {"b", "b"}}, {"b", {}}}, {}, {}},
+      {"two sources closing one cycle",
+       {{"a", {"b"}}, {"b", {"a", "a"}}},
+       {cycle("a"), cycle("a")},
+       {}},
+      {"two cycles and an edge into a finished one",
+       {{"a", {"b"}}, {"b", {"a"}}, {"c", {"c"}}, {"d", {"a", "c"}}},
+       {cycle("a"), cycle("c")},
+       {}},
+      // Devices sharing an identifier are one node: the cycle runs through both "a" devices.
+      {"shared identifier merges edges",
+       {{"a", {}}, {"b", {"a"}}, {"a", {"b"}}},
+       {{"device.duplicateID", "Duplicate ID 'a' found.", "devices"}, cycle("b")},
+       {}},
+      {"unknown device",
+       {{"a", {}}, {"b", {"a", "zzz"}}},
+       {},
+       {{"source.virtualDeviceUnknownDevice",
+         "Nested device source 'Feed 1' refers to a device that does not exist.", "devices[1]"}}},
+      // Already reported by the source rules; the graph adds nothing.
+      {"empty and absent references",
+       {{"a", {"", std::nullopt}}},
+       {},
+       {{"source.virtualDeviceMissingDevice", "Nested device source has no source device ID.",
+         "devices[0].sources[0].metadata.sourceDeviceID"},
+        {"source.virtualDeviceMissingDevice", "Nested device source has no source device ID.",
+         "devices[0].sources[1].metadata.sourceDeviceID"}}},
+      {"unknown device beside a cycle",
+       {{"a", {"nowhere", "a"}}},
+       {cycle("a")},
+       {{"source.virtualDeviceUnknownDevice",
+         "Nested device source 'Feed 0' refers to a device that does not exist.", "devices[0]"}}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    const ConfigSnapshot snapshot = graph(row.nodes);
+    const ValidationResult result = ConfigValidator{}.validate(snapshot);
+    EXPECT_EQ(result.errors, row.errors);
+    EXPECT_EQ(result.warnings, row.warnings);
+    EXPECT_EQ(ConfigValidator{}.validate(snapshot), result);
+  }
+}
+
+TEST(NestedDeviceGraph, TheCycleMessageQuotesTheReferenceAsWritten) {
+  // The source names its device in decomposed form; the two are the same identifier.
+  ConfigSnapshot snapshot = graph({{"caf\u00E9", {"cafe\u0301"}}});
+  EXPECT_EQ(ConfigValidator{}.validate(snapshot).errors,
+            std::vector<ValidationIssue>{cycle("cafe\u0301")});
+}
+
+// Ten thousand devices, each nesting the next: the search goes ten thousand deep.
+TEST(NestedDeviceGraph, LongChainsNeedNoCallStack) {
+  constexpr int count = 10'000;
+  std::vector<Node> nodes;
+  for (int i = 0; i < count; ++i) {
+    std::vector<std::optional<std::string>> next;
+    if (i + 1 < count) next.push_back("d" + std::to_string(i + 1));
+    nodes.push_back({"d" + std::to_string(i), next});
+  }
+  ConfigSnapshot chain = graph(nodes);
+  EXPECT_EQ(ConfigValidator{}.validate(chain), ValidationResult{});
+
+  chain.devices.back().sources.push_back(chain.devices.front().sources.front());
+  chain.devices.back().sources.back().metadata.sourceDeviceID = "d0";
+  EXPECT_EQ(ConfigValidator{}.validate(chain).errors, std::vector<ValidationIssue>{cycle("d0")});
+}
+
+}  // namespace
+}  // namespace brisola

@@ -1,0 +1,513 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "brisola/validation/validation.hpp"
+#include "support/documents.hpp"
+#include "validation/validation_test_support.hpp"
+
+namespace brisola {
+namespace {
+
+using testing::codes;
+using testing::monitorEnd;
+using testing::outputEnd;
+using testing::sourceEnd;
+using testing::stereoDevice;
+using testing::wire;
+
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+ValidationResult validated(const ConfigSnapshot& snapshot) {
+  return ConfigValidator{}.validate(snapshot);
+}
+
+ConfigSnapshot documentWith(std::vector<DeviceConfig> devices) {
+  ConfigSnapshot snapshot = ConfigSnapshot::empty();
+  snapshot.devices = std::move(devices);
+  return snapshot;
+}
+
+SourceConfig source(std::string id, SourceType type, std::string name) {
+  return SourceConfig{.id = std::move(id),
+                      .type = type,
+                      .name = std::move(name),
+                      .enabled = true,
+                      .gain = 1.0,
+                      .channelCount = 2};
+}
+
+TEST(ValidationRules, EmptyAndWellFormedDocumentsHaveNothingToReport) {
+  EXPECT_EQ(validated(ConfigSnapshot::empty()), ValidationResult{});
+
+  // Every record and source type, a nested device, a selected device: all fine apart from a
+  // sample rate that the engine ignores.
+  ValidationResult rich = validated(testing::richSnapshot());
+  EXPECT_TRUE(rich.errors.empty());
+  EXPECT_EQ(rich.warnings, (std::vector<ValidationIssue>{
+                               {"device.unsupportedSampleRate",
+                                "The engine runs at 48 kHz; this sample rate is ignored.",
+                                "devices[1].sampleRate"},
+                           }));
+}
+
+// One document that trips most rules at once: every issue, in emission order.
+ConfigSnapshot brokenStudio() {
+  DeviceConfig first{.id = "a",
+                     .name = " ",
+                     .enabled = true,
+                     .sampleRate = 44100,
+                     .channelCount = 3,
+                     .volume = 2.5,
+                     .channelGains = std::vector<double>{1.0, 3.0, -0.0, kNaN},
+                     .uid = "dup.uid"};
+  SourceConfig passThru = source("s", SourceType::passThru, "Pass");
+  passThru.muteWhenCapturing = true;
+  SourceConfig application = source("s", SourceType::application, "\t\n");
+  application.channelCount = 0;
+  application.gain = kInfinity;
+  application.channelGains = std::vector<double>{0.5};
+  SourceConfig hardware = testing::hardwareSource("", "", 1);
+  first.sources = {passThru, application, hardware};
+
+  MonitorConfig speakers = testing::monitor("m", "  ");
+  speakers.gain = -0.5;
+  speakers.channelGains = std::vector<double>{2.0, 2.0000001};
+  MonitorConfig unnamed = testing::monitor("m", "Out", 0);
+  unnamed.name = "";
+  first.monitors = {speakers, unnamed};
+
+  first.wires = {
+      // "s" is found as the first source bearing it (two channels), and channel 3 is the
+      // device's last channel: nothing to report.
+      wire("w", sourceEnd("s", 2), outputEnd("a", 3)),
+      wire("w", monitorEnd("ghost", 0), sourceEnd("ghost", 1)),
+      wire("", outputEnd("b", 4), monitorEnd("m", 3)),
+      wire("w3", outputEnd("a", 1), monitorEnd("nope", 1)),
+      wire("w4", sourceEnd("", 1), outputEnd("a", -1)),
+  };
+
+  DeviceConfig second{.id = "a",
+                      .name = "Second",
+                      .sampleRate = 0,
+                      .channelCount = 66,
+                      .volume = -0.0,
+                      .uid = "dup.uid"};
+  second.sources = {source("v", SourceType::virtualDevice, "Feed")};
+
+  DeviceConfig third{
+      .id = "", .name = "Third", .sampleRate = 48000, .channelCount = 64, .uid = " "};
+  SourceConfig loop = source("n", SourceType::virtualDevice, "Loop");
+  loop.metadata.sourceDeviceID = "zzz";
+  third.sources = {loop};
+
+  DeviceConfig fourth{.id = "", .name = "Fourth", .sampleRate = 48000, .channelCount = 2};
+
+  ConfigSnapshot snapshot = documentWith({first, second, third, fourth});
+  snapshot.schemaVersion = 3;
+  snapshot.ui.selectedDeviceID = "missing";
+  return snapshot;
+}
+
+TEST(ValidationRules, BrokenDocumentReportsEveryIssueInOrder) {
+  const ConfigSnapshot snapshot = brokenStudio();
+  const ValidationResult result = validated(snapshot);
+
+  const std::string gainMessage = "Gain must be finite and between 0.0 and 2.0.";
+  const std::string channelGainMessage = "Channel gain must be finite and between 0.0 and 2.0.";
+  const std::string tooManyMessage = "Channel gain count must not exceed the channel count.";
+  const std::string channelCountMessage = "Channel count must be even and between 2 and 64.";
+  EXPECT_EQ(
+      result.errors,
+      (std::vector<ValidationIssue>{
+          {"schema.unsupported", "Unsupported schema version 3.", "schemaVersion"},
+          {"device.duplicateID", "Duplicate ID 'a' found.", "devices"},
+          {"device.duplicateUID", "Duplicate ID 'dup.uid' found.", "devices"},
+          {"device.emptyName", "Device name must not be empty.", "devices[0].name"},
+          {"device.invalidVolume", "Device volume must be finite and between 0.0 and 2.0.",
+           "devices[0].volume"},
+          {"device.tooManyChannelGains", tooManyMessage, "devices[0].channelGains"},
+          {"device.invalidChannelGain", channelGainMessage, "devices[0].channelGains[1]"},
+          {"device.invalidChannelGain", channelGainMessage, "devices[0].channelGains[3]"},
+          {"device.invalidChannelCount", channelCountMessage, "devices[0].channelCount"},
+          {"source.duplicateID", "Duplicate ID 's' found.", "devices[0].sources"},
+          {"monitor.duplicateID", "Duplicate ID 'm' found.", "devices[0].monitors"},
+          {"wire.duplicateID", "Duplicate ID 'w' found.", "devices[0].wires"},
+          {"source.emptyName", "Source name must not be empty.", "devices[0].sources[1].name"},
+          {"source.invalidChannelCount", "Source channel count must be positive.",
+           "devices[0].sources[1].channelCount"},
+          {"source.invalidGain", gainMessage, "devices[0].sources[1].gain"},
+          {"source.tooManyChannelGains", tooManyMessage, "devices[0].sources[1].channelGains"},
+          {"source.emptyID", "Source ID must not be empty.", "devices[0].sources[2].id"},
+          {"monitor.invalidGain", gainMessage, "devices[0].monitors[0].gain"},
+          {"monitor.invalidChannelGain", channelGainMessage,
+           "devices[0].monitors[0].channelGains[1]"},
+          {"monitor.emptyName", "Monitor name must not be empty.", "devices[0].monitors[1].name"},
+          {"monitor.invalidChannelCount", "Monitor channel count must be positive.",
+           "devices[0].monitors[1].channelCount"},
+          {"wire.emptyID", "Wire ID must not be empty.", "devices[0].wires[2].id"},
+          {"device.invalidSampleRate", "Sample rate must be positive.", "devices[1].sampleRate"},
+          {"device.invalidChannelCount", channelCountMessage, "devices[1].channelCount"},
+          {"device.emptyID", "Device ID must not be empty.", "devices[2].id"},
+          {"device.emptyUID", "Device UID must not be empty.", "devices[2].uid"},
+          {"device.emptyID", "Device ID must not be empty.", "devices[3].id"},
+      }));
+
+  EXPECT_EQ(
+      result.warnings,
+      (std::vector<ValidationIssue>{
+          {"device.unsupportedSampleRate",
+           "The engine runs at 48 kHz; this sample rate is ignored.", "devices[0].sampleRate"},
+          {"source.passThruChannelMismatch",
+           "Pass-Thru source channel count should match the virtual device channel count.",
+           "devices[0].sources[0].channelCount"},
+          {"source.muteWhenCapturingUnsupported",
+           "Mute-when-capturing only applies to application and system audio sources.",
+           "devices[0].sources[0].muteWhenCapturing"},
+          {"source.applicationMissingIdentity",
+           "Application source has no bundle identifier, PID, or process object ID.",
+           "devices[0].sources[1].metadata"},
+          {"source.hardwareInputMissingDevice",
+           "Hardware input source has no Core Audio device UID.",
+           "devices[0].sources[2].metadata.deviceUID"},
+          {"monitor.missingDeviceUID", "Monitor has no Core Audio output device UID.",
+           "devices[0].monitors[0].deviceUID"},
+          {"wire.invalidDirection",
+           "Wire direction must be source-to-deviceOutput or deviceOutput-to-monitor.",
+           "devices[0].wires[1]"},
+          {"wire.from.invalidChannel", "Wire endpoint channels are one-based and must be positive.",
+           "devices[0].wires[1].from.channel"},
+          {"wire.to.missingSource", "Wire endpoint refers to a missing source.",
+           "devices[0].wires[1].to.ownerID"},
+          {"wire.from.wrongDeviceOutputOwner",
+           "Device output endpoint must refer to the containing device.",
+           "devices[0].wires[2].from.ownerID"},
+          {"wire.from.deviceChannelOutOfRange",
+           "Wire endpoint channel exceeds the device channel count.",
+           "devices[0].wires[2].from.channel"},
+          {"wire.to.monitorChannelOutOfRange",
+           "Wire endpoint channel exceeds the monitor channel count.",
+           "devices[0].wires[2].to.channel"},
+          {"wire.to.missingMonitor", "Wire endpoint refers to a missing monitor.",
+           "devices[0].wires[3].to.ownerID"},
+          {"wire.to.invalidChannel", "Wire endpoint channels are one-based and must be positive.",
+           "devices[0].wires[4].to.channel"},
+          {"source.virtualDeviceMissingDevice", "Nested device source has no source device ID.",
+           "devices[1].sources[0].metadata.sourceDeviceID"},
+          {"ui.selectedDeviceMissing", "Selected device ID does not refer to a configured device.",
+           "ui.selectedDeviceID"},
+          {"source.virtualDeviceUnknownDevice",
+           "Nested device source 'Loop' refers to a device that does not exist.", "devices[2]"},
+      }));
+
+  EXPECT_FALSE(result.isValid());
+  EXPECT_EQ(validated(snapshot), result);
+}
+
+// Numeric device fields at and around their bounds.
+TEST(ValidationRules, DeviceNumbersAtTheirBounds) {
+  struct Row {
+    std::string label;
+    std::function<void(DeviceConfig&)> change;
+    std::vector<std::string> errors;
+    std::vector<std::string> warnings;
+  };
+  auto rate = [](double value) { return [value](DeviceConfig& d) { d.sampleRate = value; }; };
+  auto volume = [](double value) { return [value](DeviceConfig& d) { d.volume = value; }; };
+  auto channels = [](std::int64_t value) {
+    return [value](DeviceConfig& d) {
+      d.channelCount = value;
+      d.sources.clear();  // keeps the pass-thru mismatch and wire warnings out of the way
+      d.wires.clear();
+    };
+  };
+  const std::vector<std::string> none;
+  const std::vector<std::string> badRate{"device.invalidSampleRate"};
+  const std::vector<std::string> badVolume{"device.invalidVolume"};
+  const std::vector<std::string> badCount{"device.invalidChannelCount"};
+  const std::vector<Row> rows{
+      {"rate 48000", rate(48000), none, none},
+      {"rate 44100", rate(44100), none, {"device.unsupportedSampleRate"}},
+      {"rate 48000.5", rate(48000.5), none, {"device.unsupportedSampleRate"}},
+      {"rate 0", rate(0), badRate, none},
+      {"rate -48000", rate(-48000), badRate, none},
+      {"rate NaN", rate(kNaN), badRate, none},
+      {"volume 0", volume(0.0), none, none},
+      {"volume -0", volume(-0.0), none, none},
+      {"volume 2", volume(2.0), none, none},
+      {"volume 2.0000001", volume(2.0000001), badVolume, none},
+      {"volume -0.5", volume(-0.5), badVolume, none},
+      {"volume inf", volume(kInfinity), badVolume, none},
+      {"volume NaN", volume(kNaN), badVolume, none},
+      {"channels 2", channels(2), none, none},
+      {"channels 4", channels(4), none, none},
+      {"channels 64", channels(64), none, none},
+      {"channels 0", channels(0), badCount, none},
+      {"channels 1", channels(1), badCount, none},
+      {"channels 3", channels(3), badCount, none},
+      {"channels 63", channels(63), badCount, none},
+      {"channels 65", channels(65), badCount, none},
+      {"channels 66", channels(66), badCount, none},
+      {"channels -2", channels(-2), badCount, none},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    DeviceConfig device = stereoDevice("d", "D");
+    row.change(device);
+    ValidationResult result = validated(documentWith({device}));
+    EXPECT_EQ(codes(result.errors), row.errors);
+    EXPECT_EQ(codes(result.warnings), row.warnings);
+  }
+}
+
+// An invalid count of 1 is still the count the gains, the pass-thru source and the output
+// endpoints are held against.
+TEST(ValidationRules, AnInvalidChannelCountIsStillTheMeasure) {
+  DeviceConfig device = stereoDevice("d", "D");
+  device.channelCount = 1;
+  device.channelGains = std::vector<double>{1.0, 1.0};
+  const ValidationResult result = validated(documentWith({device}));
+  EXPECT_EQ(codes(result.errors),
+            (std::vector<std::string>{"device.tooManyChannelGains", "device.invalidChannelCount"}));
+  EXPECT_EQ(codes(result.warnings), (std::vector<std::string>{"source.passThruChannelMismatch",
+                                                              "wire.to.deviceChannelOutOfRange"}));
+  EXPECT_EQ(result.warnings[1].path, "devices[0].wires[1].to.channel");
+}
+
+// Identifiers are tested for emptiness, names and UIDs for blankness (Unicode white space and
+// line breaks included).
+TEST(ValidationRules, EmptyIdentifiersAndBlankNames) {
+  struct Row {
+    std::string label;
+    std::function<void(DeviceConfig&)> change;
+    std::vector<std::string> errors;
+    std::vector<std::string> warnings;
+  };
+  const std::vector<std::string> none;
+  const std::vector<Row> rows{
+      {"blank source id is not empty",
+       [](DeviceConfig& d) {
+         d.sources[0].id = " ";
+         for (auto& w : d.wires) w.from.ownerID = " ";
+       },
+       none, none},
+      {"no-break space and line separator",
+       [](DeviceConfig& d) { d.name = "\u00A0\u2028\r\n"; },
+       {"device.emptyName"},
+       none},
+      {"ideographic space uid",
+       [](DeviceConfig& d) { d.uid = "\u3000"; },
+       {"device.emptyUID"},
+       none},
+      {"next line character",
+       [](DeviceConfig& d) { d.name = "\u0085"; },
+       {"device.emptyName"},
+       none},
+      {"zero-width space is not white space", [](DeviceConfig& d) { d.name = "\u200B"; }, none,
+       none},
+      {"padded name", [](DeviceConfig& d) { d.name = "  x\t"; }, none, none},
+      {"control character name", [](DeviceConfig& d) { d.name = "\x01"; }, none, none},
+      {"empty monitor id",
+       [](DeviceConfig& d) { d.monitors = {testing::monitor("", "Out")}; },
+       {"monitor.emptyID"},
+       none},
+      {"blank hardware uid is not empty",
+       [](DeviceConfig& d) { d.sources.push_back(testing::hardwareSource("mic", " ")); }, none,
+       none},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    DeviceConfig device = stereoDevice("d", "D");
+    row.change(device);
+    ValidationResult result = validated(documentWith({device}));
+    EXPECT_EQ(codes(result.errors), row.errors);
+    EXPECT_EQ(codes(result.warnings), row.warnings);
+  }
+}
+
+TEST(ValidationRules, SourceTypeRules) {
+  struct Row {
+    std::string label;
+    SourceConfig source;
+    std::vector<std::string> warnings;
+  };
+  auto with = [](SourceType type, const std::function<void(SourceConfig&)>& change) {
+    SourceConfig result = source("x", type, "X");
+    change(result);
+    return result;
+  };
+  const std::vector<Row> rows{
+      {"empty bundle identifier counts",
+       with(SourceType::application, [](SourceConfig& s) { s.metadata.bundleIdentifier = ""; }),
+       {}},
+      {"pid alone", with(SourceType::application, [](SourceConfig& s) { s.metadata.pid = 0; }), {}},
+      {"process object alone",
+       with(SourceType::application, [](SourceConfig& s) { s.metadata.processObjectID = 7; }),
+       {}},
+      {"application may mute when capturing",
+       with(SourceType::application,
+            [](SourceConfig& s) {
+              s.muteWhenCapturing = true;
+              s.metadata.pid = 42;
+            }),
+       {}},
+      {"system may mute when capturing",
+       with(SourceType::system, [](SourceConfig& s) { s.muteWhenCapturing = true; }),
+       {}},
+      {"hardware input may not",
+       with(SourceType::hardwareInput,
+            [](SourceConfig& s) {
+              s.muteWhenCapturing = true;
+              s.metadata.deviceUID = "Mic";
+            }),
+       {"source.muteWhenCapturingUnsupported"}},
+      {"hardware input without device",
+       with(SourceType::hardwareInput, [](SourceConfig&) {}),
+       {"source.hardwareInputMissingDevice"}},
+      {"nested device naming an empty id",
+       with(SourceType::virtualDevice, [](SourceConfig& s) { s.metadata.sourceDeviceID = ""; }),
+       {"source.virtualDeviceMissingDevice"}},
+      // The metadata of another type is not consulted.
+      {"hardware input with only a nested device id",
+       with(SourceType::hardwareInput, [](SourceConfig& s) { s.metadata.sourceDeviceID = "d"; }),
+       {"source.hardwareInputMissingDevice"}},
+      {"pass-thru with an invalid width",
+       with(SourceType::passThru, [](SourceConfig& s) { s.channelCount = 0; }),
+       {"source.passThruChannelMismatch"}},
+      {"system source of any width",
+       with(SourceType::system, [](SourceConfig& s) { s.channelCount = 5; }),
+       {}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    DeviceConfig device = stereoDevice("d", "D");
+    device.sources.push_back(row.source);
+    EXPECT_EQ(codes(validated(documentWith({device})).warnings), row.warnings);
+  }
+}
+
+TEST(ValidationRules, DuplicateIdentifiers) {
+  std::vector<DeviceConfig> devices;
+  for (std::string id : {"a", "a", "", "", "a", "A", " a"}) {
+    DeviceConfig device{.id = id, .name = "N", .sampleRate = 48000, .channelCount = 2};
+    devices.push_back(device);
+  }
+  devices[1].uid = "X";
+  devices[2].uid = "X";
+  devices[3].uid = "";  // blank, so reported as empty and not as a duplicate
+  devices[4].uid = "";
+  ValidationResult result = validated(documentWith(devices));
+  EXPECT_EQ(result.errors,
+            (std::vector<ValidationIssue>{
+                {"device.duplicateID", "Duplicate ID 'a' found.", "devices"},
+                {"device.duplicateID", "Duplicate ID 'a' found.", "devices"},
+                {"device.duplicateUID", "Duplicate ID 'X' found.", "devices"},
+                {"device.emptyID", "Device ID must not be empty.", "devices[2].id"},
+                {"device.emptyID", "Device ID must not be empty.", "devices[3].id"},
+                {"device.emptyUID", "Device UID must not be empty.", "devices[3].uid"},
+                {"device.emptyUID", "Device UID must not be empty.", "devices[4].uid"},
+            }));
+}
+
+TEST(ValidationRules, CanonicallyEquivalentIdentifiersAreEqual) {
+  const std::string precomposed = "caf\u00E9";
+  const std::string decomposed = "cafe\u0301";
+  const std::string kelvin = "\u212A";  // canonically equivalent to the ASCII letter "K"
+
+  DeviceConfig first = stereoDevice(precomposed, "First");
+  first.sources.push_back(testing::passThruSource(kelvin));
+  first.sources.push_back(testing::passThruSource("K"));
+  first.monitors = {testing::monitor(decomposed, "Out")};
+  first.wires.push_back(
+      wire("via-decomposed", sourceEnd(first.id + "-pt", 1), outputEnd(decomposed, 1)));
+  first.wires.push_back(wire("to-monitor", outputEnd(precomposed, 1), monitorEnd(precomposed, 1)));
+  DeviceConfig second = stereoDevice(decomposed, "Second");
+  second.uid = "u2";
+
+  ConfigSnapshot snapshot = documentWith({first, second});
+  snapshot.ui.selectedDeviceID = decomposed;
+  ValidationResult result = validated(snapshot);
+  EXPECT_EQ(result.errors,
+            (std::vector<ValidationIssue>{
+                {"device.duplicateID", "Duplicate ID '" + decomposed + "' found.", "devices"},
+                {"source.duplicateID", "Duplicate ID 'K' found.", "devices[0].sources"},
+            }));
+  EXPECT_TRUE(result.warnings.empty());
+
+  // Neither trimming nor case folding.
+  ConfigSnapshot distinct = documentWith({stereoDevice("k", "Lower")});
+  distinct.ui.selectedDeviceID = "K";
+  EXPECT_EQ(codes(validated(distinct).warnings),
+            (std::vector<std::string>{"ui.selectedDeviceMissing"}));
+}
+
+TEST(ValidationRules, SelectedDevice) {
+  struct Row {
+    std::string label;
+    std::vector<std::string> deviceIDs;
+    std::optional<std::string> selected;
+    bool warned;
+  };
+  const std::vector<Row> rows{
+      {"absent, no devices", {}, std::nullopt, false},
+      {"absent", {"a"}, std::nullopt, false},
+      {"present, no devices", {}, "a", true},
+      {"names a device", {"a", "b"}, "b", false},
+      {"empty names the device with an empty id", {"a", ""}, "", false},
+      {"empty without such a device", {"a"}, "", true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    std::vector<DeviceConfig> devices;
+    for (const auto& id : row.deviceIDs) {
+      devices.push_back(
+          DeviceConfig{.id = id, .name = "N", .sampleRate = 48000, .channelCount = 2});
+    }
+    ConfigSnapshot snapshot = documentWith(devices);
+    snapshot.ui.selectedDeviceID = row.selected;
+    std::vector<ValidationIssue> expected;
+    if (row.warned) {
+      expected.push_back({"ui.selectedDeviceMissing",
+                          "Selected device ID does not refer to a configured device.",
+                          "ui.selectedDeviceID"});
+    }
+    EXPECT_EQ(validated(snapshot).warnings, expected);
+  }
+}
+
+TEST(ValidationRules, SchemaVersions) {
+  for (std::int64_t version : {1, 2}) {
+    ConfigSnapshot snapshot = ConfigSnapshot::empty();
+    snapshot.schemaVersion = version;
+    EXPECT_TRUE(validated(snapshot).errors.empty()) << version;
+  }
+  for (std::int64_t version : {std::int64_t{0}, std::int64_t{-1}, std::int64_t{3},
+                               std::numeric_limits<std::int64_t>::min()}) {
+    ConfigSnapshot snapshot = ConfigSnapshot::empty();
+    snapshot.schemaVersion = version;
+    EXPECT_EQ(
+        validated(snapshot).errors,
+        (std::vector<ValidationIssue>{
+            {"schema.unsupported", "Unsupported schema version " + std::to_string(version) + ".",
+             "schemaVersion"}}));
+  }
+}
+
+TEST(ValidationRules, PathsOfLaterElementsUseTheirOwnIndices) {
+  std::vector<DeviceConfig> devices;
+  for (int i = 0; i < 12; ++i) devices.push_back(stereoDevice("d" + std::to_string(i), "D"));
+  DeviceConfig& last = devices.back();
+  for (int j = 0; j < 11; ++j) last.sources.push_back(testing::passThruSource(std::to_string(j)));
+  last.sources.back().name = "";
+  EXPECT_EQ(validated(documentWith(devices)).errors,
+            (std::vector<ValidationIssue>{{"source.emptyName", "Source name must not be empty.",
+                                           "devices[11].sources[11].name"}}));
+}
+
+}  // namespace
+}  // namespace brisola
