@@ -127,17 +127,6 @@ TEST(RouteSupervisorTest, HelperExitingAfterEveryLaunchRestartsTwoSecondsAfterEa
             lines.end());
 }
 
-TEST(RouteSupervisorTest, HelperGetsBaseEnvironmentOverlaidByRouteVariables) {
-  Harness h;
-  h.supervisor.reconcile({deskMonitor()});
-  ASSERT_EQ(h.launcher.launches.size(), 1u);
-  EXPECT_EQ(h.launcher.launches[0]->executable, "/helpers/brisola-monitor");
-  EXPECT_EQ(h.launcher.launches[0]->environment,
-            (EnvironmentMap{{"HOME", "/home/user"},
-                            {"BRISOLA_MONITOR_GAIN", "1.0"},
-                            {"BRISOLA_MONITOR_OUTPUT_UID", "O1"}}));
-}
-
 TEST(RouteSupervisorTest, UnchangedPlanTouchesNothingAndLogsNothing) {
   Harness h;
   h.supervisor.reconcile({deskMonitor(), micSource(), musicTap()});
