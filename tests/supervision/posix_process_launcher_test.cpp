@@ -1,0 +1,334 @@
+#include "supervision/posix_process_launcher.hpp"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "brisola/platform/unique_fd.hpp"
+#include "service/service_log.hpp"
+#include "supervision/route_supervisor.hpp"
+#include "support/temp_dir.hpp"
+
+namespace brisola {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::readFile;
+using testing::TempDir;
+using testing::writeFile;
+
+std::filesystem::path writeScript(const TempDir& dir, const std::string& name,
+                                  const std::string& body,
+                                  const std::string& interpreter = "/bin/sh") {
+  const std::filesystem::path path = dir / name;
+  writeFile(path, "#!" + interpreter + "\n" + body);
+  std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+  return path;
+}
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(2ms);
+  }
+  return true;
+}
+
+std::set<std::string> directoryNames(const std::filesystem::path& directory) {
+  std::set<std::string> names;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+    names.insert(entry.path().filename().string());
+  }
+  return names;
+}
+
+std::string processName(pid_t pid) {
+  try {
+    return readFile("/proc/" + std::to_string(pid) + "/comm");
+  } catch (const std::exception&) {
+    return "";
+  }
+}
+
+bool processExists(pid_t pid) {
+  return ::kill(pid, 0) == 0 || errno != ESRCH;
+}
+
+// waitpid(-1) finds neither a running nor a defunct child of this process.
+bool hasNoChildren() {
+  int status = 0;
+  const pid_t result = ::waitpid(-1, &status, WNOHANG);
+  return result == -1 && errno == ECHILD;
+}
+
+EnvironmentMap parseEnvironment(const std::string& text) {
+  EnvironmentMap environment;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    const auto equals = line.find('=');
+    if (equals != std::string::npos) environment[line.substr(0, equals)] = line.substr(equals + 1);
+  }
+  return environment;
+}
+
+// The service ignores SIGTERM and blocks it in its threads; helpers must not inherit either.
+class IgnoredAndBlockedSigterm {
+ public:
+  IgnoredAndBlockedSigterm() {
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGTERM, &ignore, &previousAction_);
+    sigset_t blocked;
+    ::sigemptyset(&blocked);
+    ::sigaddset(&blocked, SIGTERM);
+    ::pthread_sigmask(SIG_BLOCK, &blocked, &previousMask_);
+  }
+  ~IgnoredAndBlockedSigterm() {
+    ::pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr);
+    ::sigaction(SIGTERM, &previousAction_, nullptr);
+  }
+  IgnoredAndBlockedSigterm(const IgnoredAndBlockedSigterm&) = delete;
+  IgnoredAndBlockedSigterm& operator=(const IgnoredAndBlockedSigterm&) = delete;
+
+ private:
+  struct sigaction previousAction_ {};
+  sigset_t previousMask_{};
+};
+
+std::unique_ptr<ChildProcess> launchOrFail(const std::filesystem::path& executable,
+                                           const EnvironmentMap& environment = {}) {
+  LaunchResult result = PosixProcessLauncher::shared().launch(executable, environment);
+  if (auto* error = std::get_if<LaunchError>(&result)) {
+    ADD_FAILURE() << error->description;
+    return nullptr;
+  }
+  return std::move(std::get<std::unique_ptr<ChildProcess>>(result));
+}
+
+TEST(PosixProcessLauncherTest, HelperGetsExactEnvironmentCurrentDirectoryAndOnlyStandardStreams) {
+  TempDir dir;
+  // Deliberately inheritable: posix_spawn must close it in the child all the same.
+  UniqueFd leaked(::open("/dev/null", O_RDONLY));
+  ASSERT_TRUE(leaked);
+  const auto script = writeScript(dir, "helper",
+                                  "env > \"$OUT/env.tmp\" && mv \"$OUT/env.tmp\" \"$OUT/env\"\n"
+                                  "exec sleep 1000\n");
+  BrisolaServiceLog::Capture log;
+  RouteSupervisor supervisor({{"PATH", "/usr/bin:/bin"}, {"SHARED", "base"}, {"BASE_ONLY", "b"}},
+                             PosixProcessLauncher::shared(), SteadyClock::shared());
+  const DesiredRoute route{.key = "monitor:d1:m1",
+                           .executableURL = script,
+                           .environment = {{"SHARED", "route wins"},
+                                           {"OUT", dir.path().string()},
+                                           {"BRISOLA_MONITOR_CHANNEL_GAINS", ""}},
+                           .summary = "monitor 'Desk' (Studio)"};
+  supervisor.reconcile({route});
+  ASSERT_NE(supervisor.routes().at(route.key).process(), nullptr);
+  const pid_t pid = supervisor.routes().at(route.key).process()->pid();
+
+  // Once the script has become `sleep`, what it holds is what it inherited.
+  ASSERT_TRUE(eventually(
+      [&] { return std::filesystem::exists(dir / "env") && processName(pid) == "sleep\n"; }));
+  EnvironmentMap environment = parseEnvironment(readFile(dir / "env"));
+  environment.erase("PWD");  // the shell's own addition
+  EXPECT_EQ(environment, (EnvironmentMap{{"PATH", "/usr/bin:/bin"},
+                                         {"SHARED", "route wins"},
+                                         {"BASE_ONLY", "b"},
+                                         {"OUT", dir.path().string()},
+                                         {"BRISOLA_MONITOR_CHANNEL_GAINS", ""}}));
+  std::set<std::string> standardStreams;
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (::fcntl(fd, F_GETFD) != -1) standardStreams.insert(std::to_string(fd));
+  }
+  EXPECT_EQ(directoryNames("/proc/" + std::to_string(pid) + "/fd"), standardStreams);
+  EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/cwd"),
+            std::filesystem::current_path());
+
+  supervisor.stopAllRoutes();
+  EXPECT_FALSE(processExists(pid));
+  EXPECT_TRUE(hasNoChildren());
+}
+
+TEST(PosixProcessLauncherTest, TerminationStatusIsExitCodeOrSignalNumber) {
+  TempDir dir;
+  IgnoredAndBlockedSigterm serviceSignals;
+  struct Row {
+    const char* name;
+    const char* interpreter;
+    const char* body;
+    std::function<void(ChildProcess&)> action;
+    int status;
+  };
+  const std::vector<Row> rows{
+      {"exit 7", "/bin/sh", "exit 7\n", [](ChildProcess&) {}, 7},
+      // The shell keeps an inherited ignored SIGTERM ignored (but unblocks it)...
+      {"plain script ended by terminate", "/bin/sh", "while :; do sleep 0.05; done\n",
+       [](ChildProcess& p) { p.terminate(); }, SIGTERM},
+      // ...while tail keeps an inherited blocked SIGTERM blocked.
+      {"program leaving its signal state alone, ended by terminate", "/usr/bin/tail -fn0", "",
+       [](ChildProcess& p) { p.terminate(); }, SIGTERM},
+      {"script ignoring SIGTERM, killed", "/bin/sh", "trap '' TERM\nwhile :; do sleep 0.05; done\n",
+       [](ChildProcess& p) { p.kill(); }, SIGKILL},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const auto script = writeScript(dir, "helper", row.body, row.interpreter);
+    auto process = launchOrFail(script);
+    ASSERT_NE(process, nullptr);
+    row.action(*process);
+    ASSERT_TRUE(eventually([&] { return !process->isRunning(); }));
+    EXPECT_EQ(process->terminationStatus(), row.status);
+    EXPECT_FALSE(processExists(process->pid())) << "reaped";
+    // Signals after the reap must not reach a recycled pid.
+    process->terminate();
+    process->kill();
+  }
+  EXPECT_TRUE(hasNoChildren());
+}
+
+TEST(PosixProcessLauncherTest, FailedLaunchNamesTheFileAndTheSystemError) {
+  TempDir dir;
+  const auto notExecutable = dir / "brisola-monitor";
+  writeFile(notExecutable, "#!/bin/sh\n");
+  std::filesystem::permissions(
+      notExecutable, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  struct Row {
+    std::filesystem::path executable;
+    std::string description;
+  };
+  const std::vector<Row> rows{
+      {dir / "missing" / "brisola-monitor", "Could not launch " +
+                                                (dir / "missing" / "brisola-monitor").string() +
+                                                ": No such file or directory"},
+      {notExecutable, "Could not launch " + notExecutable.string() + ": Permission denied"},
+      {dir.path(), "Could not launch " + dir.path().string() + ": Permission denied"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.executable.string());
+    LaunchResult result = PosixProcessLauncher::shared().launch(row.executable, {});
+    ASSERT_TRUE(std::holds_alternative<LaunchError>(result));
+    EXPECT_EQ(std::get<LaunchError>(result).description, row.description);
+  }
+  EXPECT_TRUE(hasNoChildren());
+}
+
+TEST(PosixProcessLauncherTest, DroppedHandleKillsAndReapsItsHelper) {
+  TempDir dir;
+  const auto script = writeScript(dir, "helper", "trap '' TERM\nexec sleep 1000\n");
+  auto process = launchOrFail(script);
+  ASSERT_NE(process, nullptr);
+  const pid_t pid = process->pid();
+  process.reset();
+  EXPECT_FALSE(processExists(pid));
+  EXPECT_TRUE(hasNoChildren());
+}
+
+TEST(RouteSupervisorProcessTest, HelperIgnoringTerminateIsKilledAfterTheGracePeriod) {
+  TempDir dir;
+  const auto script =
+      writeScript(dir, "helper", "trap '' TERM\necho > \"$READY\"\nwhile :; do sleep 0.05; done\n");
+  BrisolaServiceLog::Capture log;
+  RouteSupervisor supervisor({{"PATH", "/usr/bin:/bin"}}, PosixProcessLauncher::shared(),
+                             SteadyClock::shared(), 200ms);
+  auto stubborn = [&](const std::string& name) {
+    return DesiredRoute{.key = "tap:d1:" + name,
+                        .executableURL = script,
+                        .environment = {{"READY", (dir / name).string()}},
+                        .summary = "application '" + name + "' (Studio)"};
+  };
+  auto pidOf = [&](const std::string& name) {
+    return supervisor.routes().at("tap:d1:" + name).process()->pid();
+  };
+  auto ready = [&](const std::string& name) {
+    return eventually([&] { return std::filesystem::exists(dir / name); });
+  };
+
+  // Dropped by the plan: a later reconcile kills it and then reaps it.
+  supervisor.reconcile({stubborn("first")});
+  const pid_t first = pidOf("first");
+  ASSERT_TRUE(ready("first"));
+  supervisor.reconcile({});
+  ASSERT_TRUE(eventually([&] {
+    supervisor.reconcile({});
+    return supervisor.terminatingHelperCount() == 0;
+  }));
+  EXPECT_FALSE(processExists(first));
+
+  // At shutdown: stopAllRoutes kills it and returns with nothing left.
+  supervisor.reconcile({stubborn("second")});
+  const pid_t second = pidOf("second");
+  ASSERT_TRUE(ready("second"));
+  supervisor.stopAllRoutes();
+  EXPECT_FALSE(processExists(second));
+  EXPECT_TRUE(hasNoChildren());
+
+  EXPECT_EQ(log.lines(),
+            (std::vector<std::string>{
+                "Started application 'first' (Studio)",
+                "Stopping application 'first' (Studio): configuration removed route",
+                "Killing application 'first' (Studio): still running after the terminate request",
+                "Started application 'second' (Studio)",
+                "Stopping application 'second' (Studio): service stopping",
+                "Killing application 'second' (Studio): still running after the terminate "
+                "request"}));
+}
+
+std::size_t openDescriptorCount() {
+  return directoryNames("/proc/self/fd").size();
+}
+
+TEST(RouteSupervisorProcessTest, ThousandsOfReplacementsLeaveNoZombiesAndNoDescriptors) {
+  constexpr int replacements = 2000;
+  TempDir dir;
+  const auto script = writeScript(dir, "helper", "exec sleep 1000\n");
+  const std::size_t descriptorsAtStart = openDescriptorCount();
+  BrisolaServiceLog::Capture log;
+  {
+    RouteSupervisor supervisor({{"PATH", "/usr/bin:/bin"}}, PosixProcessLauncher::shared(),
+                               SteadyClock::shared());
+    for (int i = 0; i <= replacements; ++i) {
+      supervisor.reconcile(
+          {DesiredRoute{.key = "monitor:d1:m1",
+                        .executableURL = script,
+                        .environment = {{"BRISOLA_MONITOR_GAIN", std::to_string(i)}},
+                        .summary = "monitor 'Desk' (Studio)"}});
+    }
+    ASSERT_EQ(supervisor.routes().size(), 1u);
+    ASSERT_NE(supervisor.routes().begin()->second.process(), nullptr);
+    // The replaced helpers end on SIGTERM and are reaped by the cycles themselves.
+    const std::vector<DesiredRoute> plan{supervisor.routes().begin()->second.route()};
+    EXPECT_TRUE(eventually([&] {
+      supervisor.reconcile(plan);
+      return supervisor.terminatingHelperCount() == 0;
+    }));
+    supervisor.stopAllRoutes();
+  }
+  EXPECT_TRUE(hasNoChildren());
+  EXPECT_EQ(openDescriptorCount(), descriptorsAtStart);
+  std::size_t started = 0;
+  for (const std::string& line : log.lines()) {
+    EXPECT_FALSE(line.starts_with("Killing ")) << line;
+    EXPECT_FALSE(line.starts_with("Could not start ")) << line;
+    if (line.starts_with("Started ")) ++started;
+  }
+  EXPECT_EQ(started, replacements + 1u);
+}
+
+}  // namespace
+}  // namespace brisola

@@ -1,0 +1,302 @@
+#include "supervision/route_supervisor.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "service/service_log.hpp"
+#include "supervision_fakes.hpp"
+
+namespace brisola {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::FakeClock;
+using testing::FakeLauncher;
+
+DesiredRoute makeRoute(std::string key, std::string summary, EnvironmentMap environment = {}) {
+  return DesiredRoute{.key = std::move(key),
+                      .executableURL = "/helpers/brisola-monitor",
+                      .environment = std::move(environment),
+                      .summary = std::move(summary)};
+}
+
+DesiredRoute deskMonitor() {
+  return makeRoute("monitor:d1:m1", "monitor 'Desk' (Studio)",
+                   {{"BRISOLA_MONITOR_GAIN", "1.0"}, {"BRISOLA_MONITOR_OUTPUT_UID", "O1"}});
+}
+DesiredRoute micSource() {
+  return makeRoute("hardware:d1:s1", "hardware input 'Mic' (Studio)",
+                   {{"BRISOLA_SOURCE_GAIN", "1.0"}, {"BRISOLA_SOURCE_INPUT_UID", "U1"}});
+}
+DesiredRoute musicTap() {
+  return makeRoute("tap:d1:s2", "application 'Music' (Studio)", {{"BRISOLA_TAP_PID", "4242"}});
+}
+
+struct Harness {
+  FakeClock clock;
+  FakeLauncher launcher;
+  BrisolaServiceLog::Capture log;
+  RouteSupervisor supervisor{
+      {{"HOME", "/home/user"}, {"BRISOLA_MONITOR_GAIN", "base"}}, launcher, clock};
+
+  // The fake helper currently running for the key.
+  std::shared_ptr<testing::FakeProcessState> helperOf(const std::string& key) const {
+    const ChildProcess* process = supervisor.routes().at(key).process();
+    for (const auto& state : launcher.launches) {
+      if (process != nullptr && state->pid == process->pid()) return state;
+    }
+    return nullptr;
+  }
+};
+
+TEST(RouteSupervisorTest, RepeatedLaunchFailuresBackOffTwoFiveTenThirtyThenEverySixtySeconds) {
+  Harness h;
+  const std::string error = "Could not launch /helpers/brisola-monitor: No such file or directory";
+  h.launcher.failure = error;
+  const std::vector<DesiredRoute> plan{deskMonitor()};
+
+  // One cycle per second for five minutes.
+  std::vector<int> attemptSeconds;
+  for (int second = 0; second <= 300; ++second) {
+    const int before = h.launcher.attempts;
+    h.supervisor.reconcile(plan);
+    if (h.launcher.attempts != before) attemptSeconds.push_back(second);
+    h.clock.advance(1s);
+  }
+
+  EXPECT_EQ(attemptSeconds, (std::vector<int>{0, 2, 7, 17, 47, 107, 167, 227, 287}));
+  const ManagedRoute& managed = h.supervisor.routes().at("monitor:d1:m1");
+  EXPECT_EQ(managed.failureCount(), 9);
+  EXPECT_EQ(managed.process(), nullptr);
+  EXPECT_EQ(h.log.lines(),
+            std::vector<std::string>(9, "Could not start monitor 'Desk' (Studio): " + error));
+
+  // Once the file is back, the next due attempt succeeds and the count starts over.
+  h.launcher.failure.reset();
+  h.log.clear();
+  h.clock.advance(managed.nextStartDate() - h.clock.now());
+  h.supervisor.reconcile(plan);
+  EXPECT_EQ(h.log.lines(), std::vector<std::string>{"Started monitor 'Desk' (Studio)"});
+  EXPECT_EQ(managed.failureCount(), 0);
+  EXPECT_EQ(managed.nextStartDate(), Clock::distantPast());
+  ASSERT_NE(managed.process(), nullptr);
+}
+
+TEST(RouteSupervisorTest, HelperExitingAfterEveryLaunchRestartsTwoSecondsAfterEachExit) {
+  Harness h;
+  const std::vector<DesiredRoute> plan{deskMonitor()};
+  const ManagedRoute* managed = nullptr;
+
+  std::vector<int> exitSeconds;
+  std::vector<int> startSeconds;
+  for (int second = 0; second <= 30; ++second) {
+    const std::size_t before = h.log.lines().size();
+    h.supervisor.reconcile(plan);
+    managed = &h.supervisor.routes().at("monitor:d1:m1");
+    EXPECT_LE(managed->failureCount(), 1) << "at second " << second;
+    for (std::size_t i = before; i < h.log.lines().size(); ++i) {
+      const std::string& line = h.log.lines()[i];
+      if (line.starts_with("Started ")) startSeconds.push_back(second);
+      if (line.starts_with("monitor 'Desk' (Studio) exited with status ")) {
+        exitSeconds.push_back(second);
+      }
+    }
+    // The helper dies right after each launch, alternately with status 0 and 3.
+    if (auto& last = h.launcher.launches.back(); last->running) {
+      last->exit(h.launcher.launches.size() % 2 == 0 ? 0 : 3);
+    }
+    h.clock.advance(1s);
+  }
+
+  ASSERT_GE(exitSeconds.size(), 5u);
+  ASSERT_EQ(startSeconds.size(), exitSeconds.size() + 1);
+  for (std::size_t i = 0; i < exitSeconds.size(); ++i) {
+    SCOPED_TRACE("exit " + std::to_string(i));
+    EXPECT_EQ(startSeconds[i + 1] - exitSeconds[i], 2);
+  }
+  const auto& lines = h.log.lines();
+  EXPECT_NE(std::find(lines.begin(), lines.end(), "monitor 'Desk' (Studio) exited with status 3"),
+            lines.end());
+  EXPECT_NE(std::find(lines.begin(), lines.end(), "monitor 'Desk' (Studio) exited with status 0"),
+            lines.end());
+}
+
+TEST(RouteSupervisorTest, UnchangedPlanTouchesNothingAndLogsNothing) {
+  Harness h;
+  h.supervisor.reconcile({deskMonitor(), micSource(), musicTap()});
+  std::vector<const ChildProcess*> processes;
+  for (const auto& [key, managed] : h.supervisor.routes()) processes.push_back(managed.process());
+  h.log.clear();
+
+  for (int cycle = 0; cycle < 3; ++cycle) {
+    h.clock.advance(1s);
+    h.supervisor.reconcile({deskMonitor(), micSource(), musicTap()});
+  }
+
+  EXPECT_TRUE(h.log.lines().empty());
+  EXPECT_EQ(h.launcher.launches.size(), 3u);
+  std::vector<const ChildProcess*> after;
+  for (const auto& [key, managed] : h.supervisor.routes()) after.push_back(managed.process());
+  EXPECT_EQ(after, processes);
+  for (const auto& state : h.launcher.launches) EXPECT_EQ(state->terminateRequests, 0);
+}
+
+TEST(RouteSupervisorTest, ChangingOneFieldOfOneRouteRestartsExactlyThatHelperInTheSameCall) {
+  struct Row {
+    const char* change;
+    std::function<void(DesiredRoute&)> apply;
+  };
+  const std::vector<Row> rows{
+      {"gain", [](DesiredRoute& r) { r.environment["BRISOLA_SOURCE_GAIN"] = "0.5"; }},
+      {"added variable", [](DesiredRoute& r) { r.environment["BRISOLA_SOURCE_MUTED"] = "1"; }},
+      {"removed variable", [](DesiredRoute& r) { r.environment.erase("BRISOLA_SOURCE_GAIN"); }},
+      {"executable", [](DesiredRoute& r) { r.executableURL = "/other/brisola-hardware-source"; }},
+      {"summary", [](DesiredRoute& r) { r.summary = "hardware input 'Voice' (Studio)"; }},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.change);
+    Harness h;
+    std::vector<DesiredRoute> plan{deskMonitor(), micSource(), musicTap()};
+    h.supervisor.reconcile(plan);
+    ASSERT_EQ(h.launcher.launches.size(), 3u);
+    const auto oldMic = h.helperOf("hardware:d1:s1");
+    const auto desk = h.helperOf("monitor:d1:m1");
+    const auto tap = h.helperOf("tap:d1:s2");
+    ASSERT_TRUE(oldMic && desk && tap);
+    h.log.clear();
+
+    row.apply(plan[1]);
+    h.clock.advance(1s);
+    h.supervisor.reconcile(plan);
+
+    EXPECT_EQ(h.log.lines(),
+              (std::vector<std::string>{
+                  "Stopping hardware input 'Mic' (Studio): configuration changed route",
+                  "Started " + plan[1].summary}));
+    EXPECT_EQ(oldMic->terminateRequests, 1);
+    ASSERT_EQ(h.launcher.launches.size(), 4u);
+    const auto newMic = h.launcher.launches[3];
+    EXPECT_EQ(h.helperOf("hardware:d1:s1"), newMic);
+    EXPECT_EQ(newMic->executable, plan[1].executableURL);
+    EXPECT_EQ(h.supervisor.routes().at("hardware:d1:s1").route(), plan[1]);
+    EXPECT_EQ(h.helperOf("monitor:d1:m1"), desk);
+    EXPECT_EQ(h.helperOf("tap:d1:s2"), tap);
+    EXPECT_EQ(desk->terminateRequests, 0);
+    EXPECT_EQ(tap->terminateRequests, 0);
+  }
+}
+
+TEST(RouteSupervisorTest, RemovedRoutesAreDroppedAndOnlyLaunchedHelpersAreStopped) {
+  Harness h;
+  h.supervisor.reconcile({deskMonitor()});
+  h.launcher.failure = "Could not launch /helpers/brisola-monitor: Permission denied";
+  h.supervisor.reconcile({deskMonitor(), micSource()});
+  ASSERT_EQ(h.supervisor.routes().at("hardware:d1:s1").process(), nullptr);
+  h.launcher.failure.reset();
+  h.log.clear();
+
+  h.supervisor.reconcile({musicTap()});
+
+  EXPECT_EQ(h.log.lines(), (std::vector<std::string>{
+                               "Stopping monitor 'Desk' (Studio): configuration removed route",
+                               "Started application 'Music' (Studio)"}));
+  EXPECT_EQ(h.launcher.launches[0]->terminateRequests, 1);
+  ASSERT_EQ(h.supervisor.routes().size(), 1u);
+  EXPECT_TRUE(h.supervisor.routes().contains("tap:d1:s2"));
+}
+
+TEST(RouteSupervisorTest, ShutdownLogsOnlyHelpersThatHaveAProcess) {
+  Harness h;
+  h.supervisor.reconcile({deskMonitor(), musicTap()});
+  h.helperOf("tap:d1:s2")->exit(1);  // noticed below
+  h.launcher.failure = "Could not launch /helpers/brisola-monitor: Permission denied";
+  h.clock.advance(1s);
+  h.supervisor.reconcile({deskMonitor(), micSource(), musicTap()});  // mic never launches
+  h.log.clear();
+
+  h.supervisor.stopAllRoutes();
+
+  EXPECT_EQ(h.log.lines(),
+            std::vector<std::string>{"Stopping monitor 'Desk' (Studio): service stopping"});
+  EXPECT_TRUE(h.supervisor.routes().empty());
+  EXPECT_EQ(h.supervisor.terminatingHelperCount(), 0u);
+  EXPECT_EQ(h.clock.sleeps, 0) << "helpers that end on SIGTERM are not waited for";
+  for (const auto& state : h.launcher.launches) {
+    EXPECT_FALSE(state->handleAlive);
+    EXPECT_EQ(state->killRequests, 0);
+  }
+}
+
+TEST(RouteSupervisorTest, DuplicateKeysKeepTheFirstRouteAndLogTheRest) {
+  Harness h;
+  DesiredRoute first = deskMonitor();
+  DesiredRoute second = deskMonitor();
+  second.summary = "monitor 'Desk copy' (Studio)";
+  second.environment["BRISOLA_MONITOR_GAIN"] = "0.5";
+  const std::vector<DesiredRoute> plan{first, micSource(), second};
+
+  h.supervisor.reconcile(plan);
+  const std::string ignored =
+      "Ignoring duplicate route monitor:d1:m1: monitor 'Desk copy' (Studio)";
+  EXPECT_EQ(h.log.lines(),
+            (std::vector<std::string>{ignored, "Started hardware input 'Mic' (Studio)",
+                                      "Started monitor 'Desk' (Studio)"}));
+  EXPECT_EQ(h.supervisor.routes().at("monitor:d1:m1").route(), first);
+  h.log.clear();
+
+  // The same plan again changes nothing: the kept route is not flipped to the duplicate.
+  h.supervisor.reconcile(plan);
+  EXPECT_EQ(h.log.lines(), std::vector<std::string>{ignored});
+  EXPECT_EQ(h.launcher.launches.size(), 2u);
+}
+
+TEST(RouteSupervisorTest, HelpersIgnoringTerminateAreKilledAfterTheGracePeriod) {
+  Harness h;
+  h.launcher.helpersEndOnTerminate = false;
+  DesiredRoute changed = deskMonitor();
+  changed.environment["BRISOLA_MONITOR_GAIN"] = "0.5";
+  h.supervisor.reconcile({deskMonitor()});
+  h.supervisor.reconcile({changed});
+  const auto replaced = h.launcher.launches[0];
+  ASSERT_EQ(replaced->terminateRequests, 1);
+  ASSERT_EQ(h.supervisor.terminatingHelperCount(), 1u);
+  h.log.clear();
+
+  h.clock.advance(terminationGracePeriod - 1ms);
+  h.supervisor.reconcile({changed});
+  EXPECT_EQ(replaced->killRequests, 0);
+  EXPECT_TRUE(h.log.lines().empty());
+
+  h.clock.advance(1ms);
+  h.supervisor.reconcile({changed});
+  EXPECT_EQ(replaced->killRequests, 1);
+  EXPECT_EQ(h.log.lines(), std::vector<std::string>{"Killing monitor 'Desk' (Studio): still "
+                                                    "running after the terminate request"});
+  h.supervisor.reconcile({changed});
+  EXPECT_EQ(h.supervisor.terminatingHelperCount(), 0u);
+  EXPECT_FALSE(replaced->handleAlive);
+
+  // At shutdown the wait covers helpers stopped earlier too, and ends with the grace period.
+  h.supervisor.reconcile({deskMonitor()});
+  h.log.clear();
+  const Clock::time_point shutdown = h.clock.now();
+  h.supervisor.stopAllRoutes();
+  EXPECT_GE(h.clock.now() - shutdown, terminationGracePeriod);
+  EXPECT_LT(h.clock.now() - shutdown, terminationGracePeriod + 10 * terminationPollInterval);
+  EXPECT_EQ(h.log.lines(),
+            (std::vector<std::string>{
+                "Stopping monitor 'Desk' (Studio): service stopping",
+                "Killing monitor 'Desk' (Studio): still running after the terminate request",
+                "Killing monitor 'Desk' (Studio): still running after the terminate request"}));
+  EXPECT_EQ(h.supervisor.terminatingHelperCount(), 0u);
+  for (const auto& state : h.launcher.launches) EXPECT_FALSE(state->handleAlive);
+}
+
+}  // namespace
+}  // namespace brisola
