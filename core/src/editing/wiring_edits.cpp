@@ -1,0 +1,151 @@
+#include <algorithm>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "brisola/editing/config_editor.hpp"
+#include "brisola/platform/uuid.hpp"
+#include "editing/editing_lookup.hpp"
+
+namespace brisola {
+
+namespace {
+
+void validateWireDirection(const WireEndpoint& from, const WireEndpoint& to) {
+  const bool sourceToOutput =
+      from.kind == EndpointKind::source && to.kind == EndpointKind::deviceOutput;
+  const bool outputToMonitor =
+      from.kind == EndpointKind::deviceOutput && to.kind == EndpointKind::monitor;
+  if (!sourceToOutput && !outputToMonitor) throw ConfigEditError::invalidWireDirection();
+}
+
+template <class Element>
+std::optional<std::int64_t> firstChannelCount(const std::vector<Element>& elements,
+                                              const std::string& ownerID) {
+  for (const Element& element : elements) {
+    if (element.id == ownerID) return element.channelCount;
+  }
+  return std::nullopt;
+}
+
+void validateWireEndpoint(const WireEndpoint& endpoint, const DeviceConfig& device) {
+  bool valid = false;
+  if (endpoint.channel >= 1) {
+    switch (endpoint.kind) {
+      case EndpointKind::source: {
+        auto count = firstChannelCount(device.sources, endpoint.ownerID);
+        valid = count && endpoint.channel <= *count;
+        break;
+      }
+      case EndpointKind::monitor: {
+        auto count = firstChannelCount(device.monitors, endpoint.ownerID);
+        valid = count && endpoint.channel <= *count;
+        break;
+      }
+      case EndpointKind::deviceOutput:
+        valid = endpoint.ownerID == device.id && endpoint.channel <= device.channelCount;
+        break;
+    }
+  }
+  if (!valid) throw ConfigEditError::invalidWireEndpoint(endpoint);
+}
+
+}  // namespace
+
+Wire ConfigEditor::connectWire(std::string_view deviceID, const WireEndpoint& from,
+                               const WireEndpoint& to, ConfigSnapshot& in) {
+  DeviceConfig& device = editing::requireDeviceRef(deviceID, in);
+  validateWireDirection(from, to);
+  validateWireEndpoint(from, device);
+  validateWireEndpoint(to, device);
+
+  for (const Wire& existing : device.wires) {
+    if (existing.from == from && existing.to == to) return existing;
+  }
+  // Built before appending: the endpoints may be views into this very wire list.
+  Wire wire{.id = makeUUIDString(), .from = from, .to = to};
+  device.wires.push_back(wire);
+  return wire;
+}
+
+DeviceConfig ConfigEditor::deleteWire(std::string_view deviceID, std::string_view wireID,
+                                      ConfigSnapshot& in) {
+  DeviceConfig& device = editing::requireDeviceRef(deviceID, in);
+  const bool found = std::any_of(device.wires.begin(), device.wires.end(),
+                                 [&](const Wire& wire) { return wire.id == wireID; });
+  if (!found) throw ConfigEditError::wireNotFound(std::string(wireID));
+  // The caller may pass a view of an id stored in the wire list; removal would move it away.
+  const std::string id(wireID);
+  std::erase_if(device.wires, [&](const Wire& wire) { return wire.id == id; });
+  return device;
+}
+
+bool ConfigEditor::wouldCreateNestedDeviceCycle(std::string_view parentID,
+                                                std::string_view nestedID,
+                                                const ConfigSnapshot& in) {
+  if (parentID == nestedID) return true;
+
+  // Devices that share an id share one adjacency list; ids of missing devices are kept.
+  std::unordered_map<std::string_view, std::vector<std::string_view>> nested;
+  for (const DeviceConfig& device : in.devices) {
+    for (const SourceConfig& source : device.sources) {
+      const auto& target = source.metadata.sourceDeviceID;
+      if (source.type == SourceType::virtualDevice && target && !target->empty()) {
+        nested[device.id].push_back(*target);
+      }
+    }
+  }
+
+  std::vector<std::string_view> stack{nestedID};
+  std::unordered_set<std::string_view> visited;
+  while (!stack.empty()) {
+    std::string_view current = stack.back();
+    stack.pop_back();
+    if (current == parentID) return true;
+    if (!visited.insert(current).second) continue;
+    if (auto it = nested.find(current); it != nested.end()) {
+      stack.insert(stack.end(), it->second.begin(), it->second.end());
+    }
+  }
+  return false;
+}
+
+SourceConfig ConfigEditor::addVirtualDeviceSource(std::string_view deviceID,
+                                                  std::string_view sourceDeviceID,
+                                                  ConfigSnapshot& in, const IdFactory& idFactory) {
+  DeviceConfig& device = editing::requireDeviceRef(deviceID, in);
+  const DeviceConfig& nestedDevice = editing::requireDeviceRef(sourceDeviceID, in);
+  if (wouldCreateNestedDeviceCycle(deviceID, sourceDeviceID, in)) {
+    throw ConfigEditError::nestedDeviceCycle(std::string(sourceDeviceID));
+  }
+
+  // Everything is built before the first change, so a throwing factory leaves the document
+  // as it was.
+  SourceConfig source{.id = idFactory(),
+                      .type = SourceType::virtualDevice,
+                      .name = nestedDevice.name,
+                      .enabled = true,
+                      .muted = false,
+                      .gain = 1.0,
+                      .channelGains = std::nullopt,
+                      .channelCount = nestedDevice.channelCount,
+                      .muteWhenCapturing = false,
+                      .metadata = {.sourceDeviceID = std::string(sourceDeviceID)}};
+  const std::int64_t wireCount =
+      std::max<std::int64_t>(std::min(source.channelCount, device.channelCount), 1);
+  std::vector<Wire> wires;
+  wires.reserve(static_cast<std::size_t>(wireCount));
+  for (std::int64_t channel = 1; channel <= wireCount; ++channel) {
+    wires.push_back(Wire{.id = idFactory(),
+                         .from = {EndpointKind::source, source.id, channel},
+                         .to = {EndpointKind::deviceOutput, std::string(deviceID), channel}});
+  }
+
+  DeviceConfig updated = device;
+  updated.sources.push_back(source);
+  updated.wires.insert(updated.wires.end(), std::make_move_iterator(wires.begin()),
+                       std::make_move_iterator(wires.end()));
+  device = std::move(updated);
+  return source;
+}
+
+}  // namespace brisola

@@ -1,0 +1,193 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "editing/edit_expectations.hpp"
+#include "support/documents.hpp"
+
+namespace brisola {
+namespace {
+
+using testing::expectRejected;
+using testing::monitorEnd;
+using testing::outputEnd;
+using testing::sourceEnd;
+using testing::wire;
+namespace Editor = ConfigEditor;
+
+const std::string kDevice = "brisola-benchmark-device";
+const std::string kSource = "brisola-benchmark-source";
+const std::string kMonitor = "brisola-benchmark-monitor";
+
+TEST(BenchmarkDevice, MonitorVariantBuildsTheFixedDeviceFromTrimmedInputs) {
+  ConfigSnapshot document = testing::richSnapshot();
+  DeviceConfig device = Editor::prepareHardwareInputMonitorBenchmarkDevice(
+      "\t USB-Mic:1 \n", "\u00A0Desk Mic\u2028", 4, " Speakers-UID ", "\r\nBig Speakers ", 2, 2,
+      std::string(" core "), document);
+
+  const DeviceConfig expected{
+      .id = kDevice,
+      .name = "Brisola Benchmark",
+      .enabled = true,
+      .sampleRate = 48000.0,
+      .channelCount = 2,
+      .volume = 1.0,
+      .uid = "app.brisola.device.brisola-benchmark-device",
+      .icon = "waveform.circle",
+      .sources = {SourceConfig{.id = kSource,
+                               .type = SourceType::hardwareInput,
+                               .name = "Desk Mic",
+                               .enabled = true,
+                               .muted = false,
+                               .gain = 1.0,
+                               .channelCount = 4,
+                               .muteWhenCapturing = false,
+                               .metadata = {.deviceUID = "USB-Mic:1", .inputBackend = "core"}}},
+      .monitors = {MonitorConfig{.id = kMonitor,
+                                 .name = "Big Speakers",
+                                 .enabled = true,
+                                 .muted = false,
+                                 .gain = 1.0,
+                                 .deviceUID = "Speakers-UID",
+                                 .channelCount = 2}},
+      .wires = {wire("brisola-benchmark-wire-1", sourceEnd(kSource, 2), outputEnd(kDevice, 1)),
+                wire("brisola-benchmark-wire-2", sourceEnd(kSource, 3), outputEnd(kDevice, 2)),
+                wire("brisola-benchmark-monitor-wire-1", outputEnd(kDevice, 1),
+                     monitorEnd(kMonitor, 1)),
+                wire("brisola-benchmark-monitor-wire-2", outputEnd(kDevice, 2),
+                     monitorEnd(kMonitor, 2))},
+  };
+  EXPECT_EQ(device, expected);
+
+  ConfigSnapshot expectedDocument = testing::richSnapshot();
+  expectedDocument.devices.push_back(expected);
+  expectedDocument.ui.selectedDeviceID = kDevice;
+  EXPECT_EQ(document, expectedDocument);
+}
+
+TEST(BenchmarkDevice, SourceWiresTakeTwoAdjacentChannelsClampedToTheInput) {
+  struct Row {
+    std::int64_t inputChannels, first, wire1, wire2;
+  };
+  for (const Row row :
+       {Row{8, 3, 3, 4}, Row{8, 8, 8, 8}, Row{8, 1, 1, 2}, Row{1, 1, 1, 1}, Row{2, 2, 2, 2}}) {
+    SCOPED_TRACE(::testing::Message() << row.inputChannels << " channels from " << row.first);
+    ConfigSnapshot document;
+    DeviceConfig device = Editor::prepareHardwareInputBenchmarkDevice("in", "In", row.inputChannels,
+                                                                      row.first, document);
+    EXPECT_TRUE(device.monitors.empty());
+    EXPECT_EQ(device.sources.at(0).metadata.inputBackend, std::nullopt);
+    EXPECT_EQ(device.sources.at(0).channelCount, row.inputChannels);
+    EXPECT_THAT(device.wires,
+                ::testing::ElementsAre(wire("brisola-benchmark-wire-1",
+                                            sourceEnd(kSource, row.wire1), outputEnd(kDevice, 1)),
+                                       wire("brisola-benchmark-wire-2",
+                                            sourceEnd(kSource, row.wire2), outputEnd(kDevice, 2))));
+  }
+}
+
+TEST(BenchmarkDevice, MonitorWiresFoldOntoAMonoMonitorAndBlankBackendsAreAbsent) {
+  struct Row {
+    std::int64_t monitorChannels;
+    std::optional<std::string> backend;
+    std::int64_t secondMonitorChannel;
+    std::optional<std::string> storedBackend;
+  };
+  const Row rows[] = {
+      {1, std::nullopt, 1, std::nullopt},
+      {2, "   ", 2, std::nullopt},
+      {6, "\n\u3000", 2, std::nullopt},
+      {2, " core ", 2, "core"},
+      {2, "a b", 2, "a b"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(::testing::Message() << row.monitorChannels << " / " << row.backend.value_or("-"));
+    ConfigSnapshot document;
+    DeviceConfig device = Editor::prepareHardwareInputMonitorBenchmarkDevice(
+        "in", "In", 2, "out", "Out", row.monitorChannels, 1, row.backend, document);
+    EXPECT_EQ(device.sources.at(0).metadata.inputBackend, row.storedBackend);
+    ASSERT_EQ(device.wires.size(), 4u);
+    EXPECT_EQ(device.wires[2], wire("brisola-benchmark-monitor-wire-1", outputEnd(kDevice, 1),
+                                    monitorEnd(kMonitor, 1)));
+    EXPECT_EQ(device.wires[3], wire("brisola-benchmark-monitor-wire-2", outputEnd(kDevice, 2),
+                                    monitorEnd(kMonitor, row.secondMonitorChannel)));
+  }
+}
+
+TEST(BenchmarkDevice, ChecksRunInOrderAndTheFirstFailureDecides) {
+  using Edit = std::function<void(ConfigSnapshot&)>;
+  auto plain = [](std::string uid, std::string name, std::int64_t count, std::int64_t first) {
+    return Edit([=](ConfigSnapshot& d) {
+      Editor::prepareHardwareInputBenchmarkDevice(uid, name, count, first, d);
+    });
+  };
+  auto withMonitor = [](std::string uid, std::string name, std::int64_t count,
+                        std::string monitorUID, std::string monitorName, std::int64_t monitorCount,
+                        std::int64_t first) {
+    return Edit([=](ConfigSnapshot& d) {
+      Editor::prepareHardwareInputMonitorBenchmarkDevice(uid, name, count, monitorUID, monitorName,
+                                                         monitorCount, first, std::nullopt, d);
+    });
+  };
+  const std::pair<Edit, const char*> rows[] = {
+      {plain("  ", " ", 0, 0), "input UID must not be empty"},
+      {withMonitor("", "", 0, "", "", 0, 0), "input UID must not be empty"},
+      {plain("in", "\n\t", 0, 0), "input name must not be empty"},
+      {plain("in", "In", 0, 1), "input channel count must be positive"},
+      {withMonitor("in", "In", -2, "", "", 0, 0), "input channel count must be positive"},
+      {plain("in", "In", 8, 0), "source first channel must be within the input channel count"},
+      {plain("in", "In", 8, 9), "source first channel must be within the input channel count"},
+      {withMonitor("in", "In", 1, " ", "", 0, 2),
+       "source first channel must be within the input channel count"},
+      {withMonitor("in", "In", 1, " \u2029", "", 0, 1), "monitor UID must not be empty"},
+      {withMonitor("in", "In", 1, "out", "\u00A0", 0, 1), "monitor name must not be empty"},
+      {withMonitor("in", "In", 1, "out", "Out", 0, 1), "monitor channel count must be positive"},
+      {withMonitor("in", "In", 1, "out", "Out", -1, 1), "monitor channel count must be positive"},
+  };
+  ConfigSnapshot document = testing::richSnapshot();
+  document.devices.push_back(testing::stereoDevice(kDevice, "Old benchmark"));
+  for (const auto& [edit, reason] : rows) {
+    SCOPED_TRACE(reason);
+    expectRejected(document, edit, ConfigEditError::invalidBenchmarkInput(reason));
+  }
+  EXPECT_STREQ(ConfigEditError::invalidBenchmarkInput("input UID must not be empty").what(),
+               "Invalid benchmark input: input UID must not be empty.");
+}
+
+TEST(BenchmarkDevice, ReplacesEveryEarlierBenchmarkDeviceAndMovesItToTheEnd) {
+  ConfigSnapshot document;
+  DeviceConfig old = testing::stereoDevice(kDevice, "Tweaked");
+  old.volume = 0.2;
+  old.channelGains = std::vector{0.5, 0.5};
+  DeviceConfig a = testing::stereoDevice("a", "A");
+  DeviceConfig b = testing::stereoDevice("b", "B");
+  // A nested reference to the benchmark device survives the replacement.
+  b.sources.push_back(SourceConfig{.id = "feed",
+                                   .type = SourceType::virtualDevice,
+                                   .name = "Feed",
+                                   .channelCount = 2,
+                                   .metadata = {.sourceDeviceID = kDevice}});
+  document.devices = {old, a, old, b};
+  document.ui.selectedDeviceID = "a";
+
+  DeviceConfig first = Editor::prepareHardwareInputMonitorBenchmarkDevice(
+      "in", "In", 2, "out", "Out", 2, 1, std::string("core"), document);
+  EXPECT_THAT(document.devices, ::testing::ElementsAre(a, b, first));
+  EXPECT_EQ(document.ui.selectedDeviceID, kDevice);
+  EXPECT_EQ(first.volume, 1.0);
+  EXPECT_EQ(first.channelGains, std::nullopt);
+
+  // Running again, now without a monitor, replaces the device wholesale.
+  document.ui.selectedDeviceID = "b";
+  DeviceConfig second = Editor::prepareHardwareInputBenchmarkDevice("in", "In", 2, 1, document);
+  EXPECT_THAT(document.devices, ::testing::ElementsAre(a, b, second));
+  EXPECT_EQ(document.ui.selectedDeviceID, kDevice);
+  EXPECT_TRUE(second.monitors.empty());
+  EXPECT_EQ(second.wires.size(), 2u);
+  EXPECT_EQ(Editor::prepareHardwareInputBenchmarkDevice("in", "In", 2, 1, document), second);
+  EXPECT_EQ(document.devices.size(), 3u);
+}
+
+}  // namespace
+}  // namespace brisola

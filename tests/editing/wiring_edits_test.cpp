@@ -1,0 +1,264 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "editing/edit_expectations.hpp"
+#include "support/documents.hpp"
+
+namespace brisola {
+namespace {
+
+using testing::expectRejected;
+using testing::monitorEnd;
+using testing::outputEnd;
+using testing::sourceEnd;
+namespace Editor = ConfigEditor;
+
+// "dev-1": two channels, a pass-thru source "dev-1-pt" wired straight, a mono hardware
+// source "mic", a mono monitor "spk". "dev-2" also has a source called "mic", with 8 channels.
+ConfigSnapshot wiringDocument() {
+  ConfigSnapshot document;
+  DeviceConfig device = testing::stereoDevice("dev-1", "One");
+  device.sources.push_back(testing::hardwareSource("mic", "uid", 1));
+  device.sources.push_back(testing::hardwareSource("mic", "uid", 4));
+  device.monitors.push_back(testing::monitor("spk", "out", 1));
+  DeviceConfig other = testing::stereoDevice("dev-2", "Two");
+  other.sources.push_back(testing::hardwareSource("mic", "uid", 8));
+  document.devices = {device, other};
+  return document;
+}
+
+TEST(ConnectWire, AppendsANewWireOnceAndReturnsTheExistingOneAfterwards) {
+  ConfigSnapshot document = wiringDocument();
+  const std::size_t before = document.devices[0].wires.size();
+
+  Wire crossed = Editor::connectWire("dev-1", sourceEnd("mic", 1), outputEnd("dev-1", 2), document);
+  Wire played = Editor::connectWire("dev-1", outputEnd("dev-1", 2), monitorEnd("spk", 1), document);
+  // Shares one endpoint with the first: allowed.
+  Wire fanned = Editor::connectWire("dev-1", sourceEnd("mic", 1), outputEnd("dev-1", 1), document);
+  EXPECT_TRUE(testing::isUpperCaseUUID(crossed.id));
+  EXPECT_NE(crossed.id, fanned.id);
+  EXPECT_EQ(crossed.to, outputEnd("dev-1", 2));
+  EXPECT_THAT(document.devices[0].wires,
+              ::testing::ElementsAre(::testing::_, ::testing::_, crossed, played, fanned));
+
+  const ConfigSnapshot settled = document;
+  EXPECT_EQ(Editor::connectWire("dev-1", sourceEnd("mic", 1), outputEnd("dev-1", 2), document),
+            crossed);
+  // Passing endpoints that live in the document's own wire list.
+  const Wire& stored = document.devices[0].wires[0];
+  EXPECT_EQ(Editor::connectWire("dev-1", stored.from, stored.to, document),
+            settled.devices[0].wires[0]);
+  EXPECT_EQ(document, settled);
+  EXPECT_EQ(document.devices[0].wires.size(), before + 3);
+}
+
+TEST(ConnectWire, ReturnsTheFirstOfSeveralWiresWithTheSameEndpoints) {
+  ConfigSnapshot document = wiringDocument();
+  auto& wires = document.devices[0].wires;
+  wires.insert(wires.begin(),
+               testing::wire("early", sourceEnd("dev-1-pt", 2), outputEnd("dev-1", 2)));
+  const ConfigSnapshot before = document;
+  EXPECT_EQ(
+      Editor::connectWire("dev-1", sourceEnd("dev-1-pt", 2), outputEnd("dev-1", 2), document).id,
+      "early");
+  EXPECT_EQ(document, before);
+}
+
+TEST(ConnectWire, RejectsInOrderDeviceThenDirectionThenFromThenTo) {
+  const ConfigSnapshot document = wiringDocument();
+  struct Row {
+    const char* name;
+    std::string device;
+    WireEndpoint from, to;
+    ConfigEditError expected;
+  };
+  const auto direction = ConfigEditError::invalidWireDirection();
+  const auto endpoint = [](WireEndpoint e) { return ConfigEditError::invalidWireEndpoint(e); };
+  const Row rows[] = {
+      {"unknown device", "dev-9", monitorEnd("x", 0), sourceEnd("y", 0),
+       ConfigEditError::deviceNotFound("dev-9")},
+      {"monitor to output, monitor missing", "dev-1", monitorEnd("nobody", 1),
+       outputEnd("dev-1", 1), direction},
+      {"source to monitor", "dev-1", sourceEnd("mic", 1), monitorEnd("spk", 1), direction},
+      {"source to source", "dev-1", sourceEnd("mic", 1), sourceEnd("mic", 1), direction},
+      {"output to output", "dev-1", outputEnd("dev-1", 1), outputEnd("dev-1", 2), direction},
+      {"output to source", "dev-1", outputEnd("dev-1", 1), sourceEnd("mic", 1), direction},
+      {"monitor to monitor", "dev-1", monitorEnd("spk", 1), monitorEnd("spk", 1), direction},
+      {"both ends bad: from decides", "dev-1", sourceEnd("mic", 0), outputEnd("dev-1", 9),
+       endpoint(sourceEnd("mic", 0))},
+      {"negative channel", "dev-1", sourceEnd("dev-1-pt", -1), outputEnd("dev-1", 1),
+       endpoint(sourceEnd("dev-1-pt", -1))},
+      // The first "mic" of the device is mono; neither the second nor dev-2's counts.
+      {"first source with the id decides", "dev-1", sourceEnd("mic", 2), outputEnd("dev-1", 1),
+       endpoint(sourceEnd("mic", 2))},
+      {"source of another device", "dev-1", sourceEnd("dev-2-pt", 1), outputEnd("dev-1", 1),
+       endpoint(sourceEnd("dev-2-pt", 1))},
+      {"output owned by another device", "dev-1", sourceEnd("mic", 1), outputEnd("dev-2", 1),
+       endpoint(outputEnd("dev-2", 1))},
+      {"output past the channel count", "dev-1", sourceEnd("mic", 1), outputEnd("dev-1", 3),
+       endpoint(outputEnd("dev-1", 3))},
+      {"unknown monitor", "dev-1", outputEnd("dev-1", 1), monitorEnd("hdmi", 1),
+       endpoint(monitorEnd("hdmi", 1))},
+      {"monitor past its channel count", "dev-1", outputEnd("dev-1", 1), monitorEnd("spk", 2),
+       endpoint(monitorEnd("spk", 2))},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    expectRejected(
+        document, [&](ConfigSnapshot& d) { Editor::connectWire(row.device, row.from, row.to, d); },
+        row.expected);
+  }
+  EXPECT_STREQ(endpoint(outputEnd("dev-1", 3)).what(),
+               "Wire endpoint deviceOutput:dev-1:3 is not valid for the device.");
+}
+
+TEST(DeleteWire, RemovesEveryWireWithTheIdOnlyInThatDevice) {
+  ConfigSnapshot document = wiringDocument();
+  auto& wires = document.devices[0].wires;
+  wires.push_back(testing::wire("dev-1-w1", sourceEnd("mic", 1), outputEnd("dev-1", 1)));
+  wires.push_back(testing::wire("keep", sourceEnd("mic", 1), outputEnd("dev-1", 2)));
+
+  expectRejected(
+      document, [](ConfigSnapshot& d) { Editor::deleteWire("dev-1", "dev-2-w1", d); },
+      ConfigEditError::wireNotFound("dev-2-w1"));
+  expectRejected(
+      document, [](ConfigSnapshot& d) { Editor::deleteWire("dev-3", "dev-1-w1", d); },
+      ConfigEditError::deviceNotFound("dev-3"));
+
+  ConfigSnapshot expected = document;
+  expected.devices[0].wires = {wires[1], wires[3]};
+  // The id is a view of the first wire's own id, which the removal moves away.
+  DeviceConfig result = Editor::deleteWire("dev-1", wires[0].id, document);
+  EXPECT_EQ(document, expected);
+  EXPECT_EQ(result, expected.devices[0]);
+}
+
+// Devices whose virtualDevice sources name the given ids, in order.
+DeviceConfig nesting(std::string id, std::vector<std::string> nested) {
+  DeviceConfig device = testing::stereoDevice(id, id);
+  for (auto& target : nested) {
+    device.sources.push_back(SourceConfig{.id = id + "-" + target,
+                                          .type = SourceType::virtualDevice,
+                                          .name = target,
+                                          .enabled = true,
+                                          .gain = 1.0,
+                                          .channelCount = 2,
+                                          .metadata = {.sourceDeviceID = target}});
+  }
+  return device;
+}
+
+TEST(WouldCreateNestedDeviceCycle, FollowsNestedSourcesThroughChains) {
+  ConfigSnapshot document;
+  document.devices = {nesting("a", {"b"}), nesting("b", {"c"}), nesting("c", {}),
+                      nesting("d", {"missing", "", "x"}),
+                      // A second "x" adds to the list of the first: x reaches y and z.
+                      nesting("x", {"y"}), nesting("x", {"z"}), nesting("y", {"y2"}),
+                      nesting("y2", {"y"}), nesting("z", {})};
+  // Sources that are not nested devices, and empty names, are no edges.
+  document.devices[2].sources.push_back(testing::hardwareSource("hw", "a"));
+  document.devices[2].sources.back().metadata.sourceDeviceID = "a";
+
+  struct Row {
+    const char* parent;
+    const char* nested;
+    bool cycle;
+  };
+  const Row rows[] = {
+      {"a", "a", true},        {"unknown", "unknown", true},
+      {"b", "a", true},        {"c", "a", true},
+      {"c", "b", true},        {"a", "c", false},
+      {"d", "a", false},       {"missing", "d", true},
+      {"", "d", false},        {"z", "x", true},
+      {"d", "x", false},       {"y2", "x", true},
+      {"a", "unknown", false}, {"c", "hw", false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.parent) + " <- " + row.nested);
+    EXPECT_EQ(Editor::wouldCreateNestedDeviceCycle(row.parent, row.nested, document), row.cycle);
+  }
+}
+
+TEST(AddVirtualDeviceSource, BuildsTheSourceAndStraightWiresFromTheFactoryInOrder) {
+  struct Row {
+    std::int64_t nestedChannels, receiverChannels, expectedWires;
+  };
+  for (const Row row : {Row{6, 2, 2}, Row{2, 6, 2}, Row{0, 2, 1}, Row{2, 0, 1}, Row{-1, 2, 1}}) {
+    SCOPED_TRACE(::testing::Message() << row.nestedChannels << " into " << row.receiverChannels);
+    ConfigSnapshot document;
+    document.devices = {testing::stereoDevice("recv", "Receiver"),
+                        testing::stereoDevice("inner", "Inner Name")};
+    document.devices[0].channelCount = row.receiverChannels;
+    document.devices[1].channelCount = row.nestedChannels;
+    const ConfigSnapshot before = document;
+    testing::CountingIdFactory factory{.prefix = "n"};
+
+    SourceConfig source =
+        Editor::addVirtualDeviceSource("recv", "inner", document, std::ref(factory));
+
+    EXPECT_EQ(factory.calls, 1 + row.expectedWires);
+    const SourceConfig expectedSource{.id = "n1",
+                                      .type = SourceType::virtualDevice,
+                                      .name = "Inner Name",
+                                      .enabled = true,
+                                      .muted = false,
+                                      .gain = 1.0,
+                                      .channelCount = row.nestedChannels,
+                                      .metadata = {.sourceDeviceID = "inner"}};
+    EXPECT_EQ(source, expectedSource);
+    ConfigSnapshot expected = before;
+    expected.devices[0].sources.push_back(expectedSource);
+    for (std::int64_t c = 1; c <= row.expectedWires; ++c) {
+      expected.devices[0].wires.push_back(
+          testing::wire("n" + std::to_string(c + 1), sourceEnd("n1", c), outputEnd("recv", c)));
+    }
+    EXPECT_EQ(document, expected);
+  }
+}
+
+TEST(AddVirtualDeviceSource, FailuresNeverCallTheFactoryAndChangeNothing) {
+  ConfigSnapshot document;
+  document.devices = {nesting("a", {"b"}), nesting("b", {}), nesting("c", {})};
+  struct Row {
+    const char *device, *nested;
+    ConfigEditError expected;
+  };
+  const Row rows[] = {
+      {"zz", "b", ConfigEditError::deviceNotFound("zz")},
+      {"zz", "yy", ConfigEditError::deviceNotFound("zz")},
+      {"a", "yy", ConfigEditError::deviceNotFound("yy")},
+      {"a", "a", ConfigEditError::nestedDeviceCycle("a")},
+      {"b", "a", ConfigEditError::nestedDeviceCycle("a")},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.expected.what());
+    testing::CountingIdFactory factory;
+    expectRejected(
+        document,
+        [&](ConfigSnapshot& d) {
+          Editor::addVirtualDeviceSource(row.device, row.nested, d, std::ref(factory));
+        },
+        row.expected);
+    EXPECT_EQ(factory.calls, 0);
+  }
+  testing::CountingIdFactory factory;
+  EXPECT_EQ(Editor::addVirtualDeviceSource("c", "a", document, std::ref(factory)).id, "id-1");
+}
+
+TEST(AddVirtualDeviceSource, AFactoryThatThrowsMidwayLeavesTheDocumentAlone) {
+  ConfigSnapshot document;
+  document.devices = {testing::stereoDevice("a", "A"), testing::stereoDevice("b", "B")};
+  const ConfigSnapshot before = document;
+  int calls = 0;
+  auto failOnThird = [&]() -> std::string {
+    if (++calls == 3) throw std::runtime_error("out of ids");
+    return "id" + std::to_string(calls);
+  };
+  EXPECT_THROW(Editor::addVirtualDeviceSource("a", "b", document, failOnThird), std::runtime_error);
+  EXPECT_EQ(document, before);
+}
+
+}  // namespace
+}  // namespace brisola
