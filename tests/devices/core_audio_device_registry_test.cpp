@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <functional>
 
@@ -96,10 +97,12 @@ TEST_F(RegistryTest, ChannelNamesThatOnlyRepeatTheNumberCarryNothing) {
     std::vector<std::optional<std::optional<std::string>>> names;  // outer nullopt: no property
     std::optional<std::vector<std::string>> expected;
   };
+  // The property exists and its read succeeds, but without a string.
+  const std::optional<std::optional<std::string>> nullName{std::in_place, std::nullopt};
   const std::vector<Row> rows{
       {"own numbers, bare and after the word", {{"1"}, {"Channel 2"}}, std::nullopt},
       {"padded name and an unnamed channel", {{" Left "}, std::nullopt}, {{"Left", ""}}},
-      {"blank and null names", {{"  \n\t"}, {std::nullopt}}, std::nullopt},
+      {"blank and null names", {{"  \n\t"}, nullName}, std::nullopt},
       {"nothing at all", {std::nullopt, std::nullopt}, std::nullopt},
       {"another channel's number is a name", {{"2"}, {"Channel 1"}}, {{"2", "Channel 1"}}},
       {"the word is compared exactly", {{"channel 1"}, {"Channel 2 "}}, {{"channel 1", ""}}},
@@ -278,6 +281,52 @@ TEST_F(RegistryTest, SummariesSortByUnicodeScalarValueAndStably) {
   }
   EXPECT_THAT(order,
               ElementsAre("capital", "first z", "second z", "e acute", "replacement", "linear b"));
+}
+
+TEST_F(RegistryTest, EqualKeysKeepTheirListOrderHoweverLongTheList) {
+  // Long enough, and mixed enough, that an unstable sort moves equal elements. Names of one
+  // group differ only in case; UIDs of one group are equal.
+  constexpr std::uint32_t count = 48;
+  const std::array<std::array<const char*, 2>, 3> groups{
+      {{"Zulu", "zulu"}, {"Alpha", "ALPHA"}, {"Mid", "mid"}}};
+  const std::array<const char*, 3> groupUIDs{"app.brisola.device.z", "app.brisola.device.a",
+                                             "app.brisola.device.m"};
+  auto groupOf = [](std::uint32_t i) { return (i * 5 + i / 7) % 3; };
+  std::vector<AudioObjectID> devices;
+  std::vector<AudioObjectID> processes;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const char* name = groups[groupOf(i)][i % 2];
+    const AudioObjectID device = 200 + (i * 7) % count;  // list order differs from ID order
+    devices.push_back(device);
+    hardware_.device(device).uid(groupUIDs[groupOf(i)]).name(name).outputs({2});
+    processes.push_back(1000 + device);
+    hardware_.setProcess(1000 + device, static_cast<std::int32_t>(i + 1), "com.example.app");
+    hardware_.setApplication(static_cast<std::int32_t>(i + 1), {.localizedName = name});
+  }
+  hardware_.setDeviceList(devices);
+  hardware_.setProcessList(processes);
+
+  // Alpha, then Mid, then Zulu; within a group, list order.
+  std::vector<std::uint32_t> expected;
+  for (std::uint32_t group : {1u, 2u, 0u}) {
+    for (std::uint32_t i = 0; i < count; ++i) {
+      if (groupOf(i) == group) expected.push_back(i);
+    }
+  }
+  auto outputs = CoreAudioDeviceRegistry::deviceInventory(hardware_).outputs;
+  auto summaries = CoreAudioDeviceRegistry::brisolaDeviceSummaries(hardware_);
+  auto candidates = CoreAudioDeviceRegistry::applicationSourceCandidates(hardware_);
+  ASSERT_EQ(outputs.size(), count);
+  ASSERT_EQ(summaries.size(), count);
+  ASSERT_EQ(candidates.size(), count);
+  for (std::uint32_t k = 0; k < count; ++k) {
+    SCOPED_TRACE(k);
+    const std::uint32_t i = expected[k];
+    const auto device = static_cast<AudioObjectID>(200 + (i * 7) % count);
+    EXPECT_EQ(outputs[k].name, groups[groupOf(i)][i % 2]);
+    EXPECT_EQ(summaries[k].name, groups[groupOf(i)][i % 2]);
+    EXPECT_EQ(candidates[k].processObjectID, 1000u + device);
+  }
 }
 
 TEST(RegistryUIDTest, ProductUIDsAreThePassThruAndThePrefixedOnes) {
