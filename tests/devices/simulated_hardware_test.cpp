@@ -1,0 +1,304 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <filesystem>
+
+#include "brisola/devices/core_audio_device_registry.hpp"
+#include "brisola/platform/file_manager.hpp"
+#include "devices/fixed_locale.hpp"
+#include "support/temp_dir.hpp"
+
+namespace brisola {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using testing::TempDir;
+using testing::writeFile;
+
+// Sets or clears an environment variable for the life of the object.
+class ScopedEnvironment {
+ public:
+  ScopedEnvironment(const char* name, const std::optional<std::string>& value) : name_(name) {
+    if (const char* old = ::getenv(name)) previous_ = old;
+    if (value) {
+      ::setenv(name, value->c_str(), 1);
+    } else {
+      ::unsetenv(name);
+    }
+  }
+  ~ScopedEnvironment() {
+    if (previous_) {
+      ::setenv(name_, previous_->c_str(), 1);
+    } else {
+      ::unsetenv(name_);
+    }
+  }
+  ScopedEnvironment(const ScopedEnvironment&) = delete;
+  ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+
+ private:
+  const char* name_;
+  std::optional<std::string> previous_;
+};
+
+constexpr const char* kVariable = "BRISOLA_HARDWARE_SIMULATION";
+
+std::vector<std::string> names(const std::vector<AudioDeviceInfo>& devices) {
+  std::vector<std::string> result;
+  for (const auto& device : devices) result.push_back(device.name);
+  return result;
+}
+
+// Replaces the file in one step, as a user swapping hardware files under a running service
+// would.
+void replaceFile(const std::filesystem::path& path, std::string_view bytes) {
+  const auto temporary = path.parent_path() / ".replacement.json";
+  writeFile(temporary, bytes);
+  std::filesystem::rename(temporary, path);
+}
+
+class SimulatedHardwareTest : public ::testing::Test {
+ protected:
+  testing::FixedICULocale locale_{"en_US"};
+  TempDir dir_;
+  std::filesystem::path file_ = dir_ / "hardware.json";
+};
+
+TEST_F(SimulatedHardwareTest, ExampleFileDescribesAMachineTheExampleDocumentCanUse) {
+  auto layer = HardwareBackend::simulated(std::filesystem::path(BRISOLA_SOURCE_DIR) / "examples" /
+                                          "hardware-simulation.json")
+                   ->snapshot();
+  ASSERT_EQ(layer->unavailableReason(), std::nullopt);
+
+  // The example document plays on the speakers and records from the USB interface.
+  EXPECT_TRUE(CoreAudioDeviceRegistry::containsDevice(*layer, "BuiltInSpeakerDevice"));
+  EXPECT_TRUE(CoreAudioDeviceRegistry::containsDevice(*layer, "USBAudioInterface"));
+  EXPECT_TRUE(CoreAudioDeviceRegistry::passThruDeviceIsLoaded(*layer));
+  EXPECT_TRUE(CoreAudioDeviceRegistry::halPlugInIsLoaded(*layer));
+
+  auto inventory = CoreAudioDeviceRegistry::deviceInventory(*layer);
+  ASSERT_FALSE(inventory.inputs.empty());
+  ASSERT_FALSE(inventory.outputs.empty());
+  EXPECT_TRUE(inventory.inputs[0].isDefault);
+  EXPECT_EQ(inventory.outputs[0].uid, "BuiltInSpeakerDevice");
+  EXPECT_TRUE(inventory.outputs[0].isDefault);
+  for (const auto& device : inventory.inputs) {
+    if (device.uid == "USBAudioInterface") {
+      EXPECT_TRUE(device.channelNames.has_value());
+    }
+  }
+
+  auto candidates = CoreAudioDeviceRegistry::applicationSourceCandidates(*layer);
+  ASSERT_EQ(candidates.size(), 1u);
+  EXPECT_EQ(candidates[0].displayName, "Sketchpad");
+  EXPECT_EQ(candidates[0].pid, 4242);
+
+  for (const auto& summary : CoreAudioDeviceRegistry::brisolaDeviceSummaries(*layer)) {
+    EXPECT_TRUE(CoreAudioDeviceRegistry::isBrisolaDeviceUID(summary.uid)) << summary.uid;
+  }
+}
+
+TEST_F(SimulatedHardwareTest, EveryFieldOfTheFileReachesTheRegistry) {
+  writeFile(file_, R"({
+    "devices": [
+      {"objectID": 41, "uid": "Mic", "name": "Mic", "inputStreams": [1, 1],
+       "inputChannelNames": [null, "Right"]},
+      {"objectID": 42, "uid": "NoName", "outputStreams": [2]},
+      {"objectID": 43, "name": "No UID", "outputStreams": [2]},
+      {"objectID": 44, "uid": "NoLayout", "name": "No Layout"},
+      {"objectID": 45, "uid": "app.brisola.device.x", "name": "Mix", "inputStreams": [],
+       "outputStreams": [2], "outputChannelNames": ["1", "Channel 2"]},
+      {"objectID": 46, "uid": "Speakers", "name": "Speakers", "outputStreams": [2],
+       "outputChannelNames": [" Left "]}
+    ],
+    "defaultInputDevice": 0,
+    "defaultOutputDevice": 46,
+    "plugIns": {"app.brisola.hal": 0, "com.other.hal": 9},
+    "processes": [
+      {"objectID": 90, "pid": 10, "bundleID": "com.example.unnamed"},
+      {"objectID": 91, "bundleID": "com.example.nopid"},
+      {"objectID": 92, "pid": 12},
+      {"objectID": 93, "pid": 13, "bundleID": "com.example.menu"}
+    ],
+    "applications": [
+      {"pid": 10, "activationPolicy": "regular"},
+      {"pid": 11, "localizedName": "No Pid", "activationPolicy": "regular"},
+      {"pid": 12, "localizedName": "No Bundle", "activationPolicy": "regular"},
+      {"pid": 13, "localizedName": "Menu", "activationPolicy": "accessory"}
+    ]
+  })");
+  auto layer = HardwareBackend::simulated(file_)->snapshot();
+  ASSERT_EQ(layer->unavailableReason(), std::nullopt);
+
+  EXPECT_THAT(CoreAudioDeviceRegistry::allDeviceUIDs(*layer),
+              ElementsAre("Mic", "NoName", "NoLayout", "app.brisola.device.x", "Speakers"));
+  EXPECT_FALSE(CoreAudioDeviceRegistry::halPlugInIsLoaded(*layer));
+  EXPECT_FALSE(CoreAudioDeviceRegistry::passThruDeviceIsLoaded(*layer));
+  EXPECT_THAT(CoreAudioDeviceRegistry::brisolaDeviceSummaries(*layer),
+              ElementsAre(HALDeviceSummary{"app.brisola.device.x", "Mix", 0, 2}));
+
+  auto inventory = CoreAudioDeviceRegistry::deviceInventory(*layer);
+  EXPECT_EQ(inventory.inputs,
+            (std::vector<AudioDeviceInfo>{{"Mic", "Mic", 2, false, {{"", "Right"}}}}));
+  EXPECT_EQ(inventory.outputs,
+            (std::vector<AudioDeviceInfo>{{"Speakers", "Speakers", 2, true, {{"Left", ""}}},
+                                          {"app.brisola.device.x", "Mix", 2, false, {}}}));
+
+  EXPECT_THAT(CoreAudioDeviceRegistry::applicationSourceCandidates(*layer),
+              ElementsAre(ApplicationSourceCandidate{"com.example.unnamed", "com.example.unnamed",
+                                                     10, 90}));
+}
+
+TEST_F(SimulatedHardwareTest, EnvironmentNamesTheFileAndEveryCallReadsItAfresh) {
+  ScopedEnvironment simulation(kVariable, file_.string());
+  writeFile(file_, R"({
+    "devices": [{"objectID": 41, "uid": "dev.kestrine.pass-thru", "name": "Brisola",
+                 "inputStreams": [2], "outputStreams": [2]}],
+    "plugIns": {"app.brisola.hal": 7},
+    "processes": [{"objectID": 90, "pid": 4242, "bundleID": "com.example.sketchpad"}],
+    "applications": [{"pid": 4242, "localizedName": "Sketchpad", "activationPolicy": "regular"}]
+  })");
+  EXPECT_EQ(HardwareBackend::current()->status(), std::nullopt);
+  EXPECT_TRUE(CoreAudioDeviceRegistry::passThruDeviceIsLoaded());
+  EXPECT_TRUE(CoreAudioDeviceRegistry::halPlugInIsLoaded());
+  EXPECT_THAT(names(CoreAudioDeviceRegistry::deviceInventory().outputs), ElementsAre("Brisola"));
+  EXPECT_EQ(CoreAudioDeviceRegistry::applicationSourceCandidates().size(), 1u);
+
+  // The driver is unloaded and a USB interface plugged in.
+  replaceFile(file_, R"({
+    "devices": [{"objectID": 43, "uid": "USBAudioInterface", "name": "USB",
+                 "outputStreams": [2]}],
+    "processes": []
+  })");
+  EXPECT_FALSE(CoreAudioDeviceRegistry::passThruDeviceIsLoaded());
+  EXPECT_TRUE(CoreAudioDeviceRegistry::containsDevice("USBAudioInterface"));
+  EXPECT_FALSE(CoreAudioDeviceRegistry::halPlugInIsLoaded());
+  EXPECT_THAT(CoreAudioDeviceRegistry::allDeviceUIDs(), ElementsAre("USBAudioInterface"));
+  EXPECT_THAT(names(CoreAudioDeviceRegistry::deviceInventory().outputs), ElementsAre("USB"));
+  EXPECT_THAT(CoreAudioDeviceRegistry::brisolaDeviceSummaries(), IsEmpty());
+  EXPECT_THAT(CoreAudioDeviceRegistry::applicationSourceCandidates(), IsEmpty());
+}
+
+// Counts whole-file reads.
+class CountingFileManager : public FileManagerWrapper {
+ public:
+  using FileManagerWrapper::FileManagerWrapper;
+  std::string contents(const std::filesystem::path& path) const override {
+    ++reads;
+    return FileManagerWrapper::contents(path);
+  }
+  mutable std::atomic<int> reads{0};
+};
+
+TEST_F(SimulatedHardwareTest, OneSnapshotIsOneReadAndKeepsItsViewWhileTheFileChanges) {
+  auto files = std::make_shared<CountingFileManager>(FileManager::defaultManager());
+  auto backend = HardwareBackend::simulated(file_, files);
+  writeFile(file_, R"({"devices": [{"objectID": 41, "uid": "Old", "name": "Old",
+                                    "outputStreams": [2]}]})");
+  auto before = backend->snapshot();
+  replaceFile(file_, R"({"devices": [{"objectID": 41, "uid": "New", "name": "New",
+                                      "outputStreams": [2]}]})");
+
+  EXPECT_THAT(names(CoreAudioDeviceRegistry::deviceInventory(*before).outputs), ElementsAre("Old"));
+  EXPECT_THAT(CoreAudioDeviceRegistry::allDeviceUIDs(*before), ElementsAre("Old"));
+  EXPECT_EQ(files->reads, 1);
+  EXPECT_THAT(CoreAudioDeviceRegistry::allDeviceUIDs(*backend->snapshot()), ElementsAre("New"));
+  EXPECT_EQ(files->reads, 2);
+}
+
+TEST_F(SimulatedHardwareTest, BrokenOrMissingHardwareGivesEmptyAnswersAndSaysWhy) {
+  struct Row {
+    const char* label;
+    std::optional<std::string> variable;  // nullopt: unset; "<file>": the test's file
+    std::optional<std::string> contents;  // nullopt: no file
+    std::vector<std::string> reasonParts;
+  };
+  const std::string device = R"({"objectID": 41, "uid": "dev.kestrine.pass-thru", "name": "B",
+                                 "outputStreams": [2]})";
+  const std::vector<Row> rows{
+      {"variable unset", std::nullopt, std::nullopt, {"No audio hardware layer", kVariable}},
+      {"variable empty", "", std::nullopt, {kVariable}},
+      {"missing file", "<file>", std::nullopt, {"<file>", "No such file or directory"}},
+      {"directory", "<dir>", std::nullopt, {"<dir>", "Is a directory"}},
+      {"not JSON", "<file>", "{\"devices\": [", {"<file>", "is malformed", "not valid JSON"}},
+      {"not an object", "<file>", "[]", {"is malformed", "the top level", "an object"}},
+      {"object ID missing",
+       "<file>",
+       R"({"devices": [{"uid": "x"}]})",
+       {"devices[0].objectID", "required key is missing"}},
+      {"object ID 0",
+       "<file>",
+       R"({"devices": [{"objectID": 0}]})",
+       {"devices[0].objectID", "unknown object"}},
+      {"object ID of the system",
+       "<file>",
+       R"({"processes": [{"objectID": 1}]})",
+       {"processes[0].objectID", "system object"}},
+      {"object ID beyond 32 bits",
+       "<file>",
+       R"({"devices": [{"objectID": 4294967296}]})",
+       {"devices[0].objectID", "unsigned 32-bit"}},
+      {"object ID used twice",
+       "<file>",
+       R"({"devices": [)" + device + R"(], "processes": [{"objectID": 41}]})",
+       {"processes[0].objectID", "already used at devices[0].objectID"}},
+      {"negative channel count",
+       "<file>",
+       R"({"devices": [{"objectID": 41, "inputStreams": [-2]}]})",
+       {"devices[0].inputStreams[0]"}},
+      {"channel name not text",
+       "<file>",
+       R"({"devices": [{"objectID": 41, "inputChannelNames": [3]}]})",
+       {"devices[0].inputChannelNames[0]", "a string"}},
+      {"unknown policy",
+       "<file>",
+       R"({"devices": [)" + device +
+           R"(], "applications": [{"pid": 1, "activationPolicy": "background"}]})",
+       {"applications[0].activationPolicy", "\"background\""}},
+      {"pid listed twice",
+       "<file>",
+       R"({"applications": [{"pid": 1, "activationPolicy": "regular"},
+                            {"pid": 1, "activationPolicy": "regular"}]})",
+       {"applications[1].pid"}},
+      {"plug-in ID not a number",
+       "<file>",
+       R"({"plugIns": {"app.brisola.hal": "7"}})",
+       {"plugIns.app.brisola.hal"}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    TempDir dir;
+    const auto file = dir / "hardware.json";
+    auto resolve = [&](std::string text) {
+      for (const auto& [placeholder, path] :
+           {std::pair{std::string("<file>"), file.string()},
+            std::pair{std::string("<dir>"), dir.path().string()}}) {
+        if (auto at = text.find(placeholder); at != std::string::npos) {
+          text.replace(at, placeholder.size(), path);
+        }
+      }
+      return text;
+    };
+    if (row.contents) writeFile(file, *row.contents);
+    ScopedEnvironment simulation(
+        kVariable, row.variable ? std::optional(resolve(*row.variable)) : std::nullopt);
+
+    const auto reason = HardwareBackend::current()->status();
+    ASSERT_TRUE(reason.has_value());
+    for (const auto& part : row.reasonParts) EXPECT_THAT(*reason, HasSubstr(resolve(part)));
+
+    EXPECT_THAT(CoreAudioDeviceRegistry::allDeviceUIDs(), IsEmpty());
+    EXPECT_FALSE(CoreAudioDeviceRegistry::passThruDeviceIsLoaded());
+    EXPECT_FALSE(CoreAudioDeviceRegistry::halPlugInIsLoaded());
+    EXPECT_EQ(CoreAudioDeviceRegistry::deviceInventory(), AudioDeviceInventory{});
+    EXPECT_THAT(CoreAudioDeviceRegistry::brisolaDeviceSummaries(), IsEmpty());
+    EXPECT_THAT(CoreAudioDeviceRegistry::applicationSourceCandidates(), IsEmpty());
+  }
+}
+
+}  // namespace
+}  // namespace brisola
