@@ -1,0 +1,74 @@
+#pragma once
+
+// The runtime control block: one named POSIX shared-memory object of fixed layout into which
+// the service publishes every virtual device's live controls, and from which the driver
+// plug-in reads them while audio runs. One writer, any number of lock-free readers; the
+// sequence word in the header is the only synchronisation between them.
+//
+// Nothing stays open or mapped between calls: every call opens, maps, copies, unmaps, closes.
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string_view>
+#include <vector>
+
+#include "brisola/model/config.hpp"
+#include "brisola/runtime/runtime_controls.hpp"
+
+namespace brisola {
+
+class RuntimeControlStoreError : public std::runtime_error {
+ public:
+  enum class Case { openFailed, resizeFailed, mapFailed, invalidState };
+
+  // The payload is the errno of the failing call.
+  static RuntimeControlStoreError openFailed(int error);
+  static RuntimeControlStoreError resizeFailed(int error);
+  static RuntimeControlStoreError mapFailed(int error);
+  static RuntimeControlStoreError invalidState();
+
+  Case errorCase() const { return case_; }
+  // Zero for invalidState.
+  int errorNumber() const { return errno_; }
+  bool operator==(const RuntimeControlStoreError& other) const {
+    return case_ == other.case_ && errno_ == other.errno_;
+  }
+
+ private:
+  RuntimeControlStoreError(Case errorCase, int error);
+  Case case_;
+  int errno_;
+};
+
+namespace RuntimeControlStoreV3 {
+
+inline constexpr std::string_view sharedMemoryName = "/brisolaruntime3";
+inline constexpr std::size_t maximumDeviceCount = 16;
+// Route entries per device slot (the route maps allow more per call; the block holds 128).
+inline constexpr std::size_t maximumRouteCount = 128;
+inline constexpr std::size_t maximumChannelCount = 64;
+
+// Writes the first 16 records, creating the object when it does not exist. An existing object
+// that cannot be resized (EINVAL) is removed and written once more.
+// Throws RuntimeControlStoreError.
+void publish(const std::vector<RuntimeDeviceControls>& controls);
+
+// The records of the last complete update, in slot order. Never creates the object: a missing
+// one gives openFailed(ENOENT); a too small, foreign or torn one gives invalidState.
+std::vector<RuntimeDeviceControls> read();
+
+// One record per device of the document, at most 16, in document order. Pure.
+std::vector<RuntimeDeviceControls> controls(const ConfigSnapshot& snapshot);
+
+// publish(controls(snapshot)).
+void publish(const ConfigSnapshot& snapshot);
+
+}  // namespace RuntimeControlStoreV3
+
+// The service's publishing step, once per cycle.
+namespace RuntimePublisher {
+void publish(const ConfigSnapshot& snapshot);
+}
+
+}  // namespace brisola

@@ -1,0 +1,74 @@
+#pragma once
+
+// Level meters written into shared memory by producers outside the library (one small object
+// per metered stream), and a tap that tells live meters from frozen ones.
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace brisola {
+
+namespace RuntimeMeterStore {
+
+inline constexpr std::string_view passThruSourceOwnerID = "kestrine.passThru.source";
+inline constexpr std::string_view deviceOutputOwnerID = "kestrine.device.output";
+
+struct Reading {
+  std::vector<double> levels;
+  std::vector<double> peaks;
+  bool operator==(const Reading&) const = default;
+};
+
+std::string sourceOwnerID(std::string_view deviceUID);
+std::string outputOwnerID(std::string_view deviceUID);
+
+// 64-bit FNV-1a of the identifier's UTF-8 bytes.
+constexpr std::uint64_t ownerHash(std::string_view ownerID) {
+  std::uint64_t hash = 0xcbf29ce484222325ULL;
+  for (char c : ownerID) {
+    hash ^= static_cast<unsigned char>(c);
+    hash *= 0x100000001b3ULL;
+  }
+  return hash;
+}
+
+// "/brisolam" followed by the owner hash as 16 lower-case hexadecimal digits.
+std::string objectName(std::string_view ownerID);
+
+// The owner's current levels and peaks; nothing when the object is missing, too small,
+// foreign, or in the middle of an update through every attempt. Never throws for bad objects.
+std::optional<Reading> reading(std::string_view ownerID);
+std::optional<std::vector<double>> levels(std::string_view ownerID);
+
+}  // namespace RuntimeMeterStore
+
+// Remembers when each owner's reading last changed, so a meter whose producer stopped reads as
+// absent after 0.3 s. Times are seconds on any one clock of the caller's choosing.
+// Safe to share between threads.
+class MeterTap {
+ public:
+  using Readings = std::map<std::string, RuntimeMeterStore::Reading>;
+
+  static constexpr double freshnessLimit = 0.3;
+
+  MeterTap() = default;
+
+  // Owners missing from `readings` are forgotten; an unchanged reading keeps its old time.
+  void update(const Readings& readings, double at);
+  std::optional<RuntimeMeterStore::Reading> reading(std::string_view ownerID, double at) const;
+
+ private:
+  struct Entry {
+    RuntimeMeterStore::Reading reading;
+    double lastChanged = 0.0;
+  };
+  mutable std::mutex lock_;
+  std::map<std::string, Entry, std::less<>> entries_;
+};
+
+}  // namespace brisola

@@ -1,0 +1,281 @@
+#include "brisola/runtime/control_store.hpp"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <string>
+
+#include "brisola/platform/unicode.hpp"
+#include "runtime/control_block.hpp"
+#include "runtime/shared_words.hpp"
+
+namespace brisola {
+
+namespace {
+
+std::string describe(RuntimeControlStoreError::Case errorCase, int error) {
+  auto withErrno = [error](const char* what) {
+    return std::string(what) + ": errno " + std::to_string(error) + ".";
+  };
+  switch (errorCase) {
+    case RuntimeControlStoreError::Case::openFailed:
+      return withErrno("Could not open Brisola runtime shared memory");
+    case RuntimeControlStoreError::Case::resizeFailed:
+      return withErrno("Could not size Brisola runtime shared memory");
+    case RuntimeControlStoreError::Case::mapFailed:
+      return withErrno("Could not map Brisola runtime shared memory");
+    case RuntimeControlStoreError::Case::invalidState:
+      break;
+  }
+  return "Brisola runtime shared memory did not contain a valid control state.";
+}
+
+}  // namespace
+
+RuntimeControlStoreError::RuntimeControlStoreError(Case errorCase, int error)
+    : std::runtime_error(describe(errorCase, error)), case_(errorCase), errno_(error) {}
+
+RuntimeControlStoreError RuntimeControlStoreError::openFailed(int error) {
+  return {Case::openFailed, error};
+}
+RuntimeControlStoreError RuntimeControlStoreError::resizeFailed(int error) {
+  return {Case::resizeFailed, error};
+}
+RuntimeControlStoreError RuntimeControlStoreError::mapFailed(int error) {
+  return {Case::mapFailed, error};
+}
+RuntimeControlStoreError RuntimeControlStoreError::invalidState() {
+  return {Case::invalidState, 0};
+}
+
+namespace RuntimeControlStoreV3 {
+
+namespace {
+
+using namespace layout;
+namespace words = shared_words;
+
+using SlotImage = std::array<std::byte, slotFieldsEnd>;
+
+// Channels that a u32 field cannot hold are stored as 0, which every reader leaves out.
+std::uint32_t storedChannel(std::int64_t channel) {
+  if (channel <= 0 || channel > std::numeric_limits<std::uint32_t>::max()) return 0;
+  return static_cast<std::uint32_t>(channel);
+}
+
+// The slot's bytes 0...1599 for one record, normalised as the constructor would: a record
+// whose fields were set directly still reaches the block in range.
+void fillSlot(SlotImage& image, const RuntimeDeviceControls& record) {
+  image.fill(std::byte{0});
+  std::byte* bytes = image.data();
+  std::size_t routeCount = std::min(record.routes.size(), maximumRouteCount);
+  std::uint32_t flags = inUseFlag;
+  if (record.deviceEnabled) flags |= deviceEnabledFlag;
+  if (record.sourceEnabled) flags |= sourceEnabledFlag;
+  if (record.muted) flags |= mutedFlag;
+  words::putU32(bytes, flagsOffset, flags);
+  words::putU32(bytes, channelCountOffset,
+                static_cast<std::uint32_t>(
+                    RuntimeDeviceControls::normalizedChannelCount(record.channelCount)));
+  words::putF32(bytes, deviceGainOffset, RuntimeDeviceControls::sanitizedGain(record.deviceGain));
+  words::putF32(bytes, sourceGainOffset, RuntimeDeviceControls::sanitizedGain(record.sourceGain));
+  words::putU32(bytes, routeCountOffset, static_cast<std::uint32_t>(routeCount));
+  writeString(record.uid, bytes, uidOffset, uidCapacity);
+  writeString(record.name, bytes, nameOffset, nameCapacity);
+  writeString(record.icon, bytes, iconOffset, iconCapacity);
+  for (std::size_t k = 0; k < maximumChannelCount; ++k) {
+    float gain = k < record.channelGains.size()
+                     ? RuntimeDeviceControls::sanitizedGain(record.channelGains[k])
+                     : 1.0f;
+    words::putF32(bytes, channelGainsOffset + 4 * k, gain);
+  }
+  for (std::size_t j = 0; j < routeCount; ++j) {
+    words::putU32(bytes, routesOffset + 8 * j, storedChannel(record.routes[j].sourceChannel));
+    words::putU32(bytes, routesOffset + 8 * j + 4, storedChannel(record.routes[j].outputChannel));
+  }
+}
+
+// A text field up to its first zero byte, invalid UTF-8 replaced.
+std::string readString(const std::byte* bytes, std::size_t offset, std::size_t capacity) {
+  const char* text = reinterpret_cast<const char*>(bytes + offset);
+  return unicode::decodingUTF8Replacing(std::string_view(text, strnlen(text, capacity)));
+}
+
+RuntimeDeviceControls recordOf(const std::byte* slot) {
+  std::uint32_t flags = words::getU32(slot, flagsOffset);
+  std::size_t routeCount =
+      std::min<std::size_t>(words::getU32(slot, routeCountOffset), maximumRouteCount);
+  std::vector<RuntimeChannelRoute> routes;
+  routes.reserve(routeCount);
+  for (std::size_t j = 0; j < routeCount; ++j) {
+    std::uint32_t source = words::getU32(slot, routesOffset + 8 * j);
+    std::uint32_t output = words::getU32(slot, routesOffset + 8 * j + 4);
+    if (source != 0 && output != 0) routes.push_back({source, output});
+  }
+  std::vector<float> gains(maximumChannelCount);
+  for (std::size_t k = 0; k < maximumChannelCount; ++k) {
+    gains[k] = words::getF32(slot, channelGainsOffset + 4 * k);
+  }
+  return RuntimeDeviceControls(
+      readString(slot, uidOffset, uidCapacity), readString(slot, nameOffset, nameCapacity),
+      readString(slot, iconOffset, iconCapacity), words::getU32(slot, channelCountOffset),
+      (flags & deviceEnabledFlag) != 0, words::getF32(slot, deviceGainOffset), std::move(gains),
+      (flags & sourceEnabledFlag) != 0, (flags & mutedFlag) != 0,
+      words::getF32(slot, sourceGainOffset), std::move(routes));
+}
+
+}  // namespace
+
+void writeString(std::string_view text, std::byte* base, std::size_t offset, std::size_t capacity) {
+  std::string cut;
+  if (text.size() >= capacity) {
+    cut = unicode::truncatedToByteLength(text, capacity - 1);
+    text = cut;
+  }
+  std::memcpy(base + offset, text.data(), text.size());
+  std::memset(base + offset + text.size(), 0, capacity - text.size());
+}
+
+void writeBlock(std::byte* block, std::span<const RuntimeDeviceControls> controls) {
+  std::size_t count = std::min(controls.size(), maximumDeviceCount);
+  // The only writer: nobody else changes the sequence under us.
+  std::uint32_t sequence = (words::load(block, sequenceOffset) + 1) | 1;
+
+  words::store(block, magicOffset, magic);
+  words::store(block, versionOffset, version);
+  words::store(block, sizeOffset, static_cast<std::uint32_t>(objectSize));
+  words::store(block, sequenceOffset, sequence);
+  words::store(block, deviceCountOffset, static_cast<std::uint32_t>(count));
+  words::store(block, unusedWordOffset, 0);
+
+  SlotImage image;
+  for (std::size_t i = 0; i < maximumDeviceCount; ++i) {
+    std::byte* slot = block + slotOffset(i);
+    if (i >= count) {
+      words::store(slot, flagsOffset, 0);
+      continue;
+    }
+    fillSlot(image, controls[i]);
+    // Values and counts first, then texts, gains and routes (contiguous), the flags last.
+    words::copyIn(slot + channelCountOffset, image.data() + channelCountOffset,
+                  routeCountOffset + 4 - channelCountOffset);
+    words::copyIn(slot + uidOffset, image.data() + uidOffset, slotFieldsEnd - uidOffset);
+    words::store(slot, flagsOffset, words::getU32(image.data(), flagsOffset));
+  }
+
+  words::store(block, sequenceOffset, sequence + 1);
+}
+
+std::optional<std::vector<RuntimeDeviceControls>> readBlock(const std::byte* block) {
+  std::array<std::byte, headerFieldsEnd> header;
+  std::vector<std::byte> slots(maximumDeviceCount * slotFieldsEnd);
+  for (int attempt = 0; attempt < readAttempts; ++attempt) {
+    std::uint32_t before = words::load(block, sequenceOffset);
+    words::copyOut(header.data(), block, header.size());
+    std::size_t count =
+        std::min<std::size_t>(words::getU32(header.data(), deviceCountOffset), maximumDeviceCount);
+    for (std::size_t i = 0; i < count; ++i) {
+      words::copyOut(slots.data() + i * slotFieldsEnd, block + slotOffset(i), slotFieldsEnd);
+    }
+    std::uint32_t after = words::load(block, sequenceOffset);
+    if (before != after || before % 2 != 0 || words::getU32(header.data(), magicOffset) != magic ||
+        words::getU32(header.data(), versionOffset) != version ||
+        words::getU32(header.data(), sizeOffset) != objectSize) {
+      continue;
+    }
+    // The copy is consistent; records are built from it, not from the live block.
+    std::vector<RuntimeDeviceControls> records;
+    records.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::byte* slot = slots.data() + i * slotFieldsEnd;
+      if ((words::getU32(slot, flagsOffset) & inUseFlag) != 0) records.push_back(recordOf(slot));
+    }
+    return records;
+  }
+  return std::nullopt;
+}
+
+OpenedObject openSharedMemory(const char* name, std::uint16_t mode,
+                              const SharedMemorySystem& system) {
+  int fd = system.open(name, O_RDWR, 0);
+  if (fd >= 0) return {UniqueFd(fd), false};
+  if (errno != ENOENT) throw RuntimeControlStoreError::openFailed(errno);
+  fd = system.open(name, O_RDWR | O_CREAT | O_EXCL, mode);
+  if (fd < 0) throw RuntimeControlStoreError::openFailed(errno);
+  return {UniqueFd(fd), true};
+}
+
+void write(const char* name, const std::vector<RuntimeDeviceControls>& controls,
+           const SharedMemorySystem& system) {
+  constexpr std::uint16_t mode = 0666;
+  OpenedObject object = openSharedMemory(name, mode, system);
+  int fd = object.fd.get();
+  // Everyone may read and write, whatever the umask said at creation.
+  static_cast<void>(system.changeMode(fd, mode));
+  constexpr auto size = static_cast<off_t>(objectSize);
+  if (object.created && system.truncate(fd, size) != 0) {
+    throw RuntimeControlStoreError::resizeFailed(errno);
+  }
+  struct stat info {};
+  if (system.status(fd, &info) != 0 || info.st_size < 0) {
+    throw RuntimeControlStoreError::invalidState();
+  }
+  if (info.st_size < size && system.truncate(fd, size) != 0) {
+    throw RuntimeControlStoreError::resizeFailed(errno);
+  }
+  void* address = system.map(objectSize, PROT_READ | PROT_WRITE, fd);
+  if (address == MAP_FAILED) throw RuntimeControlStoreError::mapFailed(errno);
+  MappedRegion region(address, objectSize);
+  writeBlock(region.data(), controls);
+}
+
+void publish(const char* name, const std::vector<RuntimeDeviceControls>& controls,
+             const SharedMemorySystem& system) {
+  try {
+    write(name, controls, system);
+  } catch (const RuntimeControlStoreError& error) {
+    // An existing object of another size that the system refuses to resize: start afresh.
+    if (error != RuntimeControlStoreError::resizeFailed(EINVAL)) throw;
+    static_cast<void>(system.unlink(name));
+    write(name, controls, system);
+  }
+}
+
+std::vector<RuntimeDeviceControls> read(const char* name, const SharedMemorySystem& system) {
+  int fd = system.open(name, O_RDONLY, 0);
+  if (fd < 0) throw RuntimeControlStoreError::openFailed(errno);
+  UniqueFd owner(fd);
+  struct stat info {};
+  if (system.status(fd, &info) != 0 || info.st_size < static_cast<off_t>(objectSize)) {
+    throw RuntimeControlStoreError::invalidState();
+  }
+  void* address = system.map(objectSize, PROT_READ, fd);
+  if (address == MAP_FAILED) throw RuntimeControlStoreError::mapFailed(errno);
+  MappedRegion region(address, objectSize);
+  auto records = readBlock(region.data());
+  if (!records) throw RuntimeControlStoreError::invalidState();
+  return std::move(*records);
+}
+
+namespace {
+const std::string& objectName() {
+  static const std::string name(sharedMemoryName);
+  return name;
+}
+}  // namespace
+
+void publish(const std::vector<RuntimeDeviceControls>& controls) {
+  publish(objectName().c_str(), controls, SharedMemorySystem::posix());
+}
+
+std::vector<RuntimeDeviceControls> read() {
+  return read(objectName().c_str(), SharedMemorySystem::posix());
+}
+
+}  // namespace RuntimeControlStoreV3
+
+}  // namespace brisola
