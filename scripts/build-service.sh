@@ -1,0 +1,7 @@
+#!/usr/bin/env bash
+# Builds the service (build/service/brisola-audio-service), the tools and the development
+# stand-in helpers (build/tools/) in one step.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/deps.sh
+scripts/build.sh build "$@"

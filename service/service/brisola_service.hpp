@@ -1,0 +1,66 @@
+#pragma once
+
+// The service process: settings from the environment, the poll loop (heartbeat, load, publish,
+// plan, reconcile, sleep), the dry run, and a clean stop on SIGTERM or SIGINT.
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "brisola/ipc/exchange_records.hpp"
+#include "brisola/store/config_store.hpp"
+#include "service/desired_route.hpp"
+#include "service/service_settings.hpp"
+#include "service/stop_signals.hpp"
+
+namespace brisola {
+
+class RouteSupervisor;
+
+// What a cycle talks to outside the document. The defaults are the real shared memory,
+// heartbeat file, device registry and child processes; tests replace them.
+struct ServicePorts {
+  std::function<void(const ConfigSnapshot&)> publish;
+  std::function<AudioDeviceInventory()> inventory;
+  std::function<void()> heartbeat;
+  std::shared_ptr<RouteSupervisor> supervisor;
+
+  static ServicePorts real(const Environment& environment);
+};
+
+class BrisolaService {
+ public:
+  // Reads the settings, builds the store and resolves the helpers (ServiceError when one is
+  // missing). `arguments` are the program's command-line arguments, the program path first.
+  BrisolaService(Environment environment, std::vector<std::string> arguments);
+  BrisolaService(Environment environment, std::vector<std::string> arguments, ServicePorts ports);
+  ~BrisolaService();
+
+  // The loop until a stop signal, or one dry-run pass. Only the dry run raises.
+  void run();
+
+  std::vector<DesiredRoute> desiredRoutes(const ConfigSnapshot& snapshot) const;
+
+  const ConfigStore& store() const { return store_; }
+  const HelperPaths& helperPaths() const { return helperPaths_; }
+  double pollInterval() const { return pollInterval_; }
+  bool dryRun() const { return dryRun_; }
+
+  // The entry point: runs the service and returns the process's exit status.
+  static int main(int argc, char** argv);
+
+ private:
+  void runLoop(StopSignals& signals);
+  void runOnce();
+  void runDry();
+
+  Environment environment_;
+  ConfigStore store_;
+  HelperPaths helperPaths_;
+  double pollInterval_;
+  bool dryRun_;
+  ServicePorts ports_;
+};
+
+}  // namespace brisola

@@ -1,0 +1,346 @@
+// Runs the built service as a process against temporary documents, simulated hardware and
+// script helpers.
+
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <regex>
+#include <thread>
+
+#include "brisola/model/json_coding.hpp"
+#include "support/documents.hpp"
+#include "support/process_runner.hpp"
+#include "support/temp_dir.hpp"
+
+namespace brisola {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using testing::countOccurrences;
+using ::testing::HasSubstr;
+using testing::readFile;
+using testing::RunningProcess;
+using testing::TempDir;
+using testing::writeFile;
+
+fs::path servicePath() {
+  return testing::buildDirectory() / "service" / "brisola-audio-service";
+}
+
+// Strips the "[2026-03-04T09:15:27Z] " stamps, checking their form on the way.
+std::vector<std::string> messages(const std::string& output) {
+  static const std::regex line(R"(\[\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ\] (.*))");
+  std::vector<std::string> result;
+  std::istringstream in(output);
+  for (std::string text; std::getline(in, text);) {
+    std::smatch match;
+    if (std::regex_match(text, match, line)) {
+      result.push_back(match[1]);
+    } else {
+      result.push_back("UNSTAMPED: " + text);
+    }
+  }
+  return result;
+}
+
+const char* hardwareFile = R"({
+  "devices": [
+    {"objectID": 41, "uid": "BuiltInMic", "name": "Built-in Microphone", "inputStreams": [2]},
+    {"objectID": 42, "uid": "Speakers", "name": "Speakers", "outputStreams": [2]}
+  ],
+  "defaultOutputDevice": 42
+})";
+
+class ServiceProcess : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(dir_ / "home");
+    fs::create_directories(dir_ / "helpers");
+    writeFile(dir_ / "hardware.json", hardwareFile);
+    environment_ = {{"PATH", "/usr/bin:/bin"},
+                    {"HOME", (dir_ / "home").string()},
+                    {"XDG_DATA_HOME", (dir_ / "data").string()},
+                    {"BRISOLA_CONFIG_PATH", (dir_ / "config.json").string()},
+                    {"BRISOLA_HARDWARE_SIMULATION", (dir_ / "hardware.json").string()},
+                    {"BRISOLA_HELPER_DIR", (dir_ / "helpers").string()},
+                    {"HELPER_RECORDS", (dir_ / "records").string()}};
+    fs::create_directories(dir_ / "records");
+  }
+
+  // A helper written as a plain shell script without any signal handler: it records its
+  // process id and route variables, then sleeps.
+  void installScriptHelpers() {
+    for (const char* name : {"brisola-monitor", "brisola-hardware-source", "brisola-process-tap"}) {
+      fs::path path = dir_ / "helpers" / name;
+      writeFile(path,
+                "#!/bin/sh\n"
+                "env | grep '^BRISOLA_\\(MONITOR\\|SOURCE\\|TAP\\)_' | sort > "
+                "\"$HELPER_RECORDS/$$.tmp\"\n"
+                "mv \"$HELPER_RECORDS/$$.tmp\" \"$HELPER_RECORDS/$$.env\"\n"
+                "exec sleep 1000\n");
+      ::chmod(path.c_str(), 0755);
+    }
+  }
+
+  void writeDocument(const ConfigSnapshot& snapshot) {
+    // Replace in one step, as the store does, so the service never reads half a file.
+    writeFile(dir_ / "config.tmp", encodeJSON(snapshot));
+    fs::rename(dir_ / "config.tmp", dir_ / "config.json");
+  }
+
+  std::unique_ptr<RunningProcess> start(std::map<std::string, std::string> extra = {}) {
+    auto environment = environment_;
+    for (auto& [name, value] : extra) environment[name] = value;
+    return std::make_unique<RunningProcess>(servicePath(), std::vector<std::string>{}, environment,
+                                            dir_.path(), dir_.path());
+  }
+
+  void TearDown() override {
+    // A service that ran its loop published the control block; leave nothing behind.
+    ::shm_unlink("/brisolaruntime3");
+  }
+
+  TempDir dir_;
+  std::map<std::string, std::string> environment_;
+};
+
+ConfigSnapshot studioDocument() {
+  DeviceConfig device = testing::stereoDevice("d1", "Studio");
+  device.uid = "V1";
+  device.sources.push_back(testing::hardwareSource("s1", "BuiltInMic"));
+  device.sources.back().name = "Mic";
+  device.wires.push_back(
+      testing::wire("w3", testing::sourceEnd("s1", 1), testing::outputEnd("d1", 1)));
+  device.wires.push_back(
+      testing::wire("w4", testing::sourceEnd("s1", 2), testing::outputEnd("d1", 2)));
+  device.monitors.push_back(testing::monitor("m1", "Speakers"));
+  device.monitors.back().name = "Desk";
+  ConfigSnapshot snapshot = ConfigSnapshot::empty();
+  snapshot.devices.push_back(device);
+  return snapshot;
+}
+
+TEST_F(ServiceProcess, DryRunPrintsControlsAndRoutesWithoutTouchingAnything) {
+  installScriptHelpers();
+  ConfigSnapshot snapshot = studioDocument();
+  DeviceConfig off = testing::stereoDevice("d2", "Off");
+  off.enabled = false;
+  off.sources[0].gain = 0.75;
+  snapshot.devices.push_back(off);
+  writeDocument(snapshot);
+
+  auto result = testing::runToCompletion(
+      servicePath(), {},
+      [&] {
+        auto environment = environment_;
+        environment["BRISOLA_SERVICE_ONCE"] = "yes";
+        return environment;
+      }(),
+      dir_.path());
+  EXPECT_EQ(result.status, 0) << result.out << result.err;
+  EXPECT_THAT(
+      messages(result.out),
+      ::testing::ElementsAre(
+          "Dry run: 2 device(s)",
+          "Dry run device: uid=V1 deviceEnabled=true sourceEnabled=true muted=false gain=1.0",
+          "Dry run device: uid=app.brisola.device.d2 deviceEnabled=false "
+          "sourceEnabled=true muted=false gain=0.75",
+          "Dry run route: monitor 'Desk' (Studio)",
+          "Dry run route: hardware input 'Mic' (Studio)"));
+  EXPECT_FALSE(fs::exists(dir_ / "data" / "Brisola" / "service-heartbeat"));
+  EXPECT_TRUE(fs::is_empty(dir_ / "records")) << "a helper was started";
+
+  writeDocument(ConfigSnapshot::empty());
+  result = testing::runToCompletion(
+      servicePath(), {},
+      [&] {
+        auto environment = environment_;
+        environment["BRISOLA_SERVICE_DRY_RUN"] = "TRUE";
+        return environment;
+      }(),
+      dir_.path());
+  EXPECT_THAT(messages(result.out),
+              ::testing::ElementsAre("Dry run: 0 device(s)", "Dry run route: none"));
+}
+
+TEST_F(ServiceProcess, MissingHelperIsFatalAndNamedAlone) {
+  auto environment = environment_;
+  environment.erase("BRISOLA_HELPER_DIR");
+  auto result = testing::runToCompletion(servicePath(), {}, environment, dir_.path());
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(messages(result.out),
+              ::testing::ElementsAre("Fatal error: Could not find executable helper "
+                                     "'brisola-monitor'. Build helpers with "
+                                     "scripts/build-service.sh."));
+  EXPECT_FALSE(fs::exists(dir_ / "config.json")) << "the document was touched";
+}
+
+TEST_F(ServiceProcess, BrokenDocumentFailsEveryCycleWhileTheHeartbeatMoves) {
+  installScriptHelpers();
+  writeFile(dir_ / "config.json", "{\"schemaVersion\": 2}");
+  auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
+  ASSERT_TRUE(service->waitForOutput("Reconcile failed: ", 5s, 2)) << service->standardOutput();
+  fs::path heartbeat = dir_ / "data" / "Brisola" / "service-heartbeat";
+  ASSERT_TRUE(fs::exists(heartbeat));
+  auto firstBeat = fs::last_write_time(heartbeat);
+  ASSERT_TRUE(service->waitForOutput("Reconcile failed: ", 5s, 5));
+  EXPECT_GT(fs::last_write_time(heartbeat), firstBeat);
+  service->signal(SIGTERM);
+  ASSERT_EQ(service->waitFor(10s), 0);
+
+  auto lines = messages(service->standardOutput());
+  ASSERT_GE(lines.size(), 7u);
+  EXPECT_EQ(lines.front(), "Starting Brisola audio service");
+  EXPECT_EQ(lines.back(), "Stopped Brisola audio service");
+  for (std::size_t i = 1; i + 1 < lines.size(); ++i) {
+    EXPECT_EQ(lines[i], "Reconcile failed: Invalid JSON at devices: the required key is missing.");
+  }
+  EXPECT_EQ(readFile(dir_ / "config.json"), "{\"schemaVersion\": 2}");
+}
+
+TEST_F(ServiceProcess, StopSignalCutsALongSleepShort) {
+  installScriptHelpers();
+  writeDocument(ConfigSnapshot::empty());
+  for (int signal : {SIGTERM, SIGINT}) {
+    auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "inf"}});
+    ASSERT_TRUE(service->waitForOutput("Starting Brisola audio service", 5s));
+    std::this_thread::sleep_for(100ms);  // well inside the first sleep
+    service->signal(signal);
+    service->signal(signal);  // a second signal changes nothing
+    // The interval is an hour: only a cut-short sleep ends the process in time.
+    EXPECT_EQ(service->waitFor(20s), 0);
+    EXPECT_EQ(messages(service->standardOutput()).back(), "Stopped Brisola audio service");
+  }
+}
+
+// Process ids of the script helpers that recorded themselves, with their route variables.
+std::map<pid_t, std::string> recordedHelpers(const fs::path& records) {
+  std::map<pid_t, std::string> helpers;
+  for (const auto& entry : fs::directory_iterator(records)) {
+    if (entry.path().extension() != ".env") continue;
+    helpers[std::stoi(entry.path().stem().string())] = readFile(entry.path());
+  }
+  return helpers;
+}
+
+bool alive(pid_t pid) {
+  // A zombie still answers kill(pid, 0); look at its state instead.
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  if (text.empty()) return false;
+  auto close = text.rfind(')');
+  return close != std::string::npos && text.size() > close + 2 && text[close + 2] != 'Z';
+}
+
+// Children of `parent` that have exited but were not reaped.
+int zombieChildren(pid_t parent) {
+  int zombies = 0;
+  for (const auto& entry : fs::directory_iterator("/proc")) {
+    std::string name = entry.path().filename().string();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::ifstream stat(entry.path() / "stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    auto close = text.rfind(')');
+    if (close == std::string::npos) continue;
+    std::istringstream fields(text.substr(close + 2));
+    char state = 0;
+    pid_t ppid = 0;
+    fields >> state >> ppid;
+    if (ppid == parent && state == 'Z') ++zombies;
+  }
+  return zombies;
+}
+
+template <class Predicate>
+bool eventually(Predicate predicate, std::chrono::milliseconds timeout = 10s) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!predicate()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(20ms);
+  }
+  return true;
+}
+
+TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {
+  installScriptHelpers();
+  writeDocument(studioDocument());
+  auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
+  fs::path records = dir_ / "records";
+
+  // Both routes start: the monitor and the hardware input.
+  ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 2; }))
+      << service->standardOutput();
+  auto initial = recordedHelpers(records);
+  pid_t monitorPid = 0, hardwarePid = 0;
+  for (const auto& [pid, variables] : initial) {
+    (variables.find("BRISOLA_MONITOR_ID=m1") != std::string::npos ? monitorPid : hardwarePid) = pid;
+  }
+  ASSERT_NE(monitorPid, 0);
+  ASSERT_NE(hardwarePid, 0);
+  EXPECT_THAT(initial[hardwarePid], HasSubstr("BRISOLA_SOURCE_ROUTES=1:1,2:2\n"));
+
+  // A gain edit restarts exactly the monitor helper, with the new value.
+  ConfigSnapshot edited = studioDocument();
+  edited.devices[0].monitors[0].gain = 0.5;
+  writeDocument(edited);
+  ASSERT_TRUE(eventually([&] { return !alive(monitorPid); }));
+  ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 3; }));
+  EXPECT_TRUE(alive(hardwarePid)) << "an unchanged route was restarted";
+  pid_t newMonitor = 0;
+  for (const auto& [pid, variables] : recordedHelpers(records)) {
+    if (!initial.contains(pid)) newMonitor = pid;
+  }
+  EXPECT_THAT(recordedHelpers(records)[newMonitor], HasSubstr("BRISOLA_MONITOR_GAIN=0.5"));
+  EXPECT_TRUE(
+      service->waitForOutput("Stopping monitor 'Desk' (Studio): configuration changed route", 5s));
+
+  // A helper that dies is restarted (after its back-off of 2 s).
+  ::kill(hardwarePid, SIGKILL);
+  ASSERT_TRUE(service->waitForOutput("hardware input 'Mic' (Studio) exited with status 9", 5s));
+  ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 4; }, 10s));
+
+  // Unplugging the monitor's output device stops its helper; plugging it back starts one.
+  writeFile(dir_ / "hardware.json",
+            R"({"devices":[{"objectID":41,"uid":"BuiltInMic","name":"Mic","inputStreams":[2]}]})");
+  ASSERT_TRUE(eventually([&] { return !alive(newMonitor); }));
+  EXPECT_TRUE(service->waitForOutput("configuration removed route", 5s));
+  writeFile(dir_ / "hardware.json", hardwareFile);
+  ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 5; }));
+
+  // SIGTERM ends every helper (plain shell scripts without handlers) and the service.
+  auto all = recordedHelpers(records);
+  service->signal(SIGTERM);
+  ASSERT_EQ(service->waitFor(10s), 0);
+  for (const auto& [pid, variables] : all)
+    EXPECT_FALSE(alive(pid)) << "helper " << pid << " outlived the service";
+  EXPECT_EQ(messages(service->standardOutput()).back(), "Stopped Brisola audio service");
+}
+
+TEST_F(ServiceProcess, ABurstOfRestartsLeavesNoDefunctChildren) {
+  // Helpers that exit at once: the service restarts them every 2 s and reaps each one.
+  for (const char* name : {"brisola-monitor", "brisola-hardware-source", "brisola-process-tap"}) {
+    fs::path path = dir_ / "helpers" / name;
+    writeFile(path, "#!/bin/sh\nexit 3\n");
+    ::chmod(path.c_str(), 0755);
+  }
+  ConfigSnapshot snapshot = studioDocument();
+  for (int i = 0; i < 20; ++i) {
+    snapshot.devices[0].monitors.push_back(testing::monitor("extra" + std::to_string(i), ""));
+  }
+  writeDocument(snapshot);
+  auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.02"}});
+  ASSERT_TRUE(service->waitForOutput("exited with status 3", 10s, 40)) << service->standardOutput();
+  EXPECT_TRUE(eventually([&] { return zombieChildren(service->pid()) == 0; }, 2s));
+  service->signal(SIGTERM);
+  EXPECT_EQ(service->waitFor(10s), 0);
+}
+
+}  // namespace
+}  // namespace brisola
