@@ -35,7 +35,8 @@ TEST(ConfigStoreCrash, KilledWriterNeverLeavesATornOrMissingDocument) {
     store.save(first);
   }
   auto saveRound = std::chrono::duration_cast<std::chrono::microseconds>(
-                   std::chrono::steady_clock::now() - started) / 3;
+                       std::chrono::steady_clock::now() - started) /
+                   3;
   std::mt19937 random(12345);
   std::uniform_int_distribution<long> delayMicroseconds(0, 2 * saveRound.count() + 100);
   const int kills = 400;
