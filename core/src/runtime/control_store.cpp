@@ -128,12 +128,31 @@ RuntimeDeviceControls recordOf(const std::byte* slot) {
       words::getF32(slot, sourceGainOffset), std::move(routes));
 }
 
+bool isContinuationByte(char c) {
+  return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
+}
+
+// The longest prefix of whole characters (extended grapheme clusters) of at most maxBytes.
+// The cluster search is asked for the end of the code point that straddles maxBytes: a limit
+// inside a code point would be moved back to its start and lose one character too many. No
+// code point starts between that one's start and its end, so the answer is the same.
+std::string cutAtCharacter(std::string_view text, std::size_t maxBytes) {
+  std::size_t start = maxBytes;
+  while (start > 0 && isContinuationByte(text[start])) --start;
+  std::size_t end = start + 1;
+  while (end < text.size() && isContinuationByte(text[end])) ++end;
+  std::string cut = unicode::truncatedToByteLength(text, end - 1);
+  // Text that is not UTF-8 may break elsewhere: then drop one character at a time.
+  while (cut.size() > maxBytes) cut = unicode::truncatedToByteLength(cut, cut.size() - 1);
+  return cut;
+}
+
 }  // namespace
 
 void writeString(std::string_view text, std::byte* base, std::size_t offset, std::size_t capacity) {
   std::string cut;
   if (text.size() >= capacity) {
-    cut = unicode::truncatedToByteLength(text, capacity - 1);
+    cut = cutAtCharacter(text, capacity - 1);
     text = cut;
   }
   std::memcpy(base + offset, text.data(), text.size());
