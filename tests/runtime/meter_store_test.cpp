@@ -189,7 +189,7 @@ TEST(MeterStore, ConcurrentProducerNeverYieldsATornReading) {
   });
   long accepted = 0;
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
-  while (std::chrono::steady_clock::now() < deadline && accepted < 5000) {
+  while (std::chrono::steady_clock::now() < deadline) {
     auto reading = RuntimeMeterStore::readBlock(reinterpret_cast<const std::byte*>(object.bytes()));
     if (!reading) continue;
     ++accepted;

@@ -36,7 +36,7 @@ class ShmObject {
   ShmObject(std::string name, std::size_t size, unsigned char fill = 0) : name_(std::move(name)) {
     ::shm_unlink(name_.c_str());
     open(O_RDWR | O_CREAT | O_EXCL, size);
-    std::memset(data_, fill, size_);
+    if (data_ != nullptr) std::memset(data_, fill, size_);
   }
   ShmObject(const ShmObject&) = delete;
   ShmObject& operator=(const ShmObject&) = delete;
