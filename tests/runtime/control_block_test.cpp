@@ -165,6 +165,9 @@ TEST(ControlBlock, TextFieldsAreCutWithoutSplittingACharacter) {
       {"40 ASCII in an icon", std::string(40, 'i'), 32, std::string(31, 'i')},
       {"decomposed accents", repeat(decomposed, 50), 128, repeat(decomposed, 42)},
       {"accent over the edge", std::string(125, 'a') + decomposed, 128, std::string(125, 'a')},
+      {"bytes that are not UTF-8", std::string(40, '\xFF'), 32, std::string(31, '\xFF')},
+      {"stray continuation bytes", std::string(30, 'a') + std::string(5, '\x80'), 32,
+       std::string(30, 'a') + std::string(1, '\x80')},
       {"joined emoji over the edge", std::string(21, 'a') + family + "z", 32, std::string(21, 'a')},
   };
   for (const Row& row : rows) {
