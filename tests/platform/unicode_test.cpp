@@ -40,6 +40,11 @@ TEST(Unicode, TruncationNeverSplitsAUserPerceivedCharacter) {
   EXPECT_EQ(truncatedToByteLength("ab" + family, 27), "ab" + family);
   EXPECT_EQ(truncatedToByteLength("xe\u0301", 2), "x");
   EXPECT_EQ(truncatedToByteLength("\u20AC", 2), "");
+  // Bytes that are not UTF-8 never make the result longer than asked.
+  std::string broken = "ab\xE2\x82\xE2\x82\xAC\xFF\xFE";
+  for (std::size_t limit = 0; limit < broken.size(); ++limit) {
+    EXPECT_LE(truncatedToByteLength(broken, limit).size(), limit);
+  }
 }
 
 TEST(Unicode, DecodingReplacesEachMaximalInvalidSubsequence) {

@@ -102,7 +102,8 @@ void fillSlot(SlotImage& image, const RuntimeDeviceControls& record) {
 // A text field up to its first zero byte, invalid UTF-8 replaced.
 std::string readString(const std::byte* bytes, std::size_t offset, std::size_t capacity) {
   const char* text = reinterpret_cast<const char*>(bytes + offset);
-  return unicode::decodingUTF8Replacing(std::string_view(text, strnlen(text, capacity)));
+  const char* end = std::find(text, text + capacity, '\0');
+  return unicode::decodingUTF8Replacing(std::string_view(text, end));
 }
 
 RuntimeDeviceControls recordOf(const std::byte* slot) {
@@ -131,12 +132,13 @@ RuntimeDeviceControls recordOf(const std::byte* slot) {
 }  // namespace
 
 void writeString(std::string_view text, std::byte* base, std::size_t offset, std::size_t capacity) {
+  if (capacity == 0) return;
   std::string cut;
   if (text.size() >= capacity) {
     cut = unicode::truncatedToByteLength(text, capacity - 1);
     text = cut;
   }
-  std::memcpy(base + offset, text.data(), text.size());
+  if (!text.empty()) std::memcpy(base + offset, text.data(), text.size());
   std::memset(base + offset + text.size(), 0, capacity - text.size());
 }
 

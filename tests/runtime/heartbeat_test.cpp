@@ -1,0 +1,105 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "brisola/runtime/heartbeat.hpp"
+#include "support/temp_dir.hpp"
+
+namespace brisola {
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::system_clock;
+using namespace std::chrono_literals;
+using testing::TempDir;
+
+// Whole seconds, so any file system keeps the time exactly.
+const Clock::time_point beatTime = Clock::time_point(1'700'000'000s);
+
+class FixedDirectories : public FileManagerWrapper {
+ public:
+  FixedDirectories(std::vector<fs::path> directories)
+      : FileManagerWrapper(FileManager::defaultManager()), directories_(std::move(directories)) {}
+  std::vector<fs::path> applicationSupportDirectories() const override { return directories_; }
+
+ private:
+  std::vector<fs::path> directories_;
+};
+
+TEST(ServiceHeartbeat, FileLocationIsTheFirstApplicationSupportDirectory) {
+  EXPECT_EQ(BrisolaCore::serviceHeartbeatFileURL(FixedDirectories({"/a/support", "/b"})),
+            fs::path("/a/support/Brisola/service-heartbeat"));
+  EXPECT_EQ(BrisolaCore::serviceHeartbeatFileURL(FixedDirectories({})), std::nullopt);
+}
+
+TEST(ServiceHeartbeat, BeatCreatesDirectoryAndEmptyFileThenMovesOnlyTheDate) {
+  TempDir temp;
+  fs::path file = temp / "deep" / "Brisola" / "service-heartbeat";
+  ServiceHeartbeat::beat(file, beatTime);
+  ASSERT_TRUE(fs::is_regular_file(file));
+  EXPECT_EQ(fs::file_size(file), 0u);
+  EXPECT_EQ(ServiceHeartbeat::lastBeat(file), beatTime);
+
+  testing::writeFile(file, "kept");
+  ServiceHeartbeat::beat(file, beatTime + 5s);
+  EXPECT_EQ(testing::readFile(file), "kept");
+  EXPECT_EQ(ServiceHeartbeat::lastBeat(file), beatTime + 5s);
+}
+
+TEST(ServiceHeartbeat, FreshForTenSecondsAndWhenInTheFuture) {
+  TempDir temp;
+  fs::path file = temp / "service-heartbeat";
+  ServiceHeartbeat::beat(file, beatTime);
+  EXPECT_TRUE(ServiceHeartbeat::isFresh(file, beatTime + 10s));
+  EXPECT_FALSE(ServiceHeartbeat::isFresh(file, beatTime + 10001ms));
+  EXPECT_TRUE(ServiceHeartbeat::isFresh(file, beatTime - 1h));
+
+  fs::path nothing = temp / "nothing";
+  EXPECT_FALSE(ServiceHeartbeat::isFresh(nothing, beatTime));
+  EXPECT_EQ(ServiceHeartbeat::lastBeat(nothing), std::nullopt);
+}
+
+// Every step fails; the beat goes through all of them and never throws.
+class BrokenFiles : public FileManagerWrapper {
+ public:
+  BrokenFiles() : FileManagerWrapper(FileManager::defaultManager()) {}
+  mutable std::vector<std::string> calls;
+
+  bool fileExists(const fs::path&) const override {
+    calls.push_back("exists");
+    return false;
+  }
+  void createDirectory(const fs::path& path, bool intermediates) const override {
+    calls.push_back(std::string("directory ") + path.filename().string() +
+                    (intermediates ? " with intermediates" : ""));
+    fail(path);
+  }
+  void createFile(const fs::path& path) const override {
+    calls.push_back("file");
+    fail(path);
+  }
+  void setModificationDate(const fs::path& path, Clock::time_point) const override {
+    calls.push_back("date");
+    fail(path);
+  }
+  std::optional<Clock::time_point> modificationDate(const fs::path& path) const override {
+    fail(path);
+  }
+
+ private:
+  [[noreturn]] static void fail(const fs::path& path) {
+    throw fs::filesystem_error("refused", path, std::make_error_code(std::errc::permission_denied));
+  }
+};
+
+TEST(ServiceHeartbeat, FailuresAreIgnoredAndEveryStepIsStillTried) {
+  BrokenFiles files;
+  fs::path file = "/nowhere/Brisola/service-heartbeat";
+  EXPECT_NO_THROW(ServiceHeartbeat::beat(file, beatTime, files));
+  EXPECT_THAT(files.calls, ::testing::ElementsAre("exists", "directory Brisola with intermediates",
+                                                  "file", "date"));
+  EXPECT_EQ(ServiceHeartbeat::lastBeat(file, files), std::nullopt);
+  EXPECT_FALSE(ServiceHeartbeat::isFresh(file, beatTime, files));
+}
+
+}  // namespace
+}  // namespace brisola

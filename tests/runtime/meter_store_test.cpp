@@ -1,0 +1,232 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <thread>
+
+#include "brisola/model/config.hpp"
+#include "brisola/runtime/meter_store.hpp"
+#include "runtime/meter_block.hpp"
+#include "shm_test_support.hpp"
+
+namespace brisola {
+namespace {
+
+using Reading = RuntimeMeterStore::Reading;
+using testing::ShmObject;
+
+// Owner identifiers of this test process only, so parallel runs never meet.
+std::string uniqueOwner(const std::string& tag) {
+  static int counter = 0;
+  return "brisola.test." + std::to_string(::getpid()) + "." + tag + "." + std::to_string(++counter);
+}
+
+// A producer's object, written by the test byte by byte.
+struct MeterImage {
+  std::uint32_t magic = 0x53544D4B;
+  std::uint32_t version = 2;
+  std::uint32_t size = 4096;
+  std::uint32_t sequence = 6;
+  std::uint32_t channelCount = 0;
+  std::vector<float> levels;
+  std::vector<float> peaks;
+
+  void writeTo(ShmObject& object) const {
+    object.setU32(0, magic);
+    object.setU32(4, version);
+    object.setU32(8, size);
+    object.setU32(12, sequence);
+    object.setU32(16, channelCount);
+    for (std::size_t k = 0; k < levels.size(); ++k) object.setF32(20 + 4 * k, levels[k]);
+    for (std::size_t k = 0; k < peaks.size(); ++k) object.setF32(276 + 4 * k, peaks[k]);
+  }
+};
+
+std::vector<float> ramp(std::size_t count, float scale) {
+  std::vector<float> values;
+  for (std::size_t k = 0; k < count; ++k) values.push_back(scale * static_cast<float>(k + 1));
+  return values;
+}
+
+std::vector<double> widened(const std::vector<float>& values, std::size_t count) {
+  return std::vector<double>(values.begin(), values.begin() + static_cast<long>(count));
+}
+
+TEST(MeterStore, OwnerIdentifiers) {
+  std::string passThru(BrisolaCore::passThruDeviceUID);
+  EXPECT_EQ(RuntimeMeterStore::sourceOwnerID(passThru), "kestrine.passThru.source");
+  EXPECT_EQ(RuntimeMeterStore::outputOwnerID(passThru), "kestrine.device.output");
+  EXPECT_EQ(RuntimeMeterStore::sourceOwnerID("abc"), "brisola.device.abc.source");
+  EXPECT_EQ(RuntimeMeterStore::outputOwnerID("abc"), "brisola.device.abc.output");
+}
+
+TEST(MeterStore, OwnerHashIsFNV1aAndTheNameHasSixteenHexDigits) {
+  EXPECT_EQ(RuntimeMeterStore::ownerHash(""), 0xcbf29ce484222325ULL);
+  EXPECT_EQ(RuntimeMeterStore::objectName(""), "/brisolamcbf29ce484222325");
+  // Published FNV-1a test vectors.
+  EXPECT_EQ(RuntimeMeterStore::ownerHash("a"), 0xaf63dc4c8601ec8cULL);
+  EXPECT_EQ(RuntimeMeterStore::ownerHash("foobar"), 0x85944171f73967e8ULL);
+  // Bytes, not characters: a non-ASCII identifier hashes its UTF-8 bytes.
+  EXPECT_NE(RuntimeMeterStore::ownerHash("\xC3\xA9"), RuntimeMeterStore::ownerHash("\xE9"));
+
+  // Some identifier hashes below 2^60 and shows the zero padding.
+  for (int i = 0;; ++i) {
+    std::string owner = "owner-" + std::to_string(i);
+    std::uint64_t hash = RuntimeMeterStore::ownerHash(owner);
+    if (hash >> 60 != 0) continue;
+    std::string name = RuntimeMeterStore::objectName(owner);
+    ASSERT_EQ(name.size(), 25u);
+    EXPECT_EQ(name.substr(0, 10), "/brisolam0");
+    EXPECT_EQ(std::strtoull(name.c_str() + 9, nullptr, 16), hash);
+    EXPECT_EQ(name.find_first_of("ABCDEF"), std::string::npos);
+    break;
+  }
+}
+
+TEST(MeterStore, ReadingsOfBothLayoutVersions) {
+  struct Row {
+    const char* what;
+    MeterImage image;
+    std::size_t objectSize;
+    Reading expected;
+  };
+  auto levels = ramp(64, 0.01f), peaks = ramp(64, 0.015f);
+  const std::vector<Row> rows{
+      {"version 1 repeats levels as peaks",
+       {.version = 1, .channelCount = 2, .levels = levels},
+       4096,
+       {widened(levels, 2), widened(levels, 2)}},
+      {"version 2 has its own peaks",
+       {.version = 2, .channelCount = 2, .levels = levels, .peaks = peaks},
+       4096,
+       {widened(levels, 2), widened(peaks, 2)}},
+      {"channel count 100 gives 64 values",
+       {.version = 2, .channelCount = 100, .levels = levels, .peaks = peaks},
+       4096,
+       {widened(levels, 64), widened(peaks, 64)}},
+      {"channel count 0", {.version = 2, .channelCount = 0, .levels = levels}, 4096, {}},
+      {"object larger than needed",
+       {.version = 1, .channelCount = 3, .levels = levels},
+       16384,
+       {widened(levels, 3), widened(levels, 3)}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    std::string owner = uniqueOwner("versions");
+    ShmObject object(RuntimeMeterStore::objectName(owner), row.objectSize);
+    row.image.writeTo(object);
+    EXPECT_EQ(RuntimeMeterStore::reading(owner), row.expected);
+    EXPECT_EQ(RuntimeMeterStore::levels(owner), row.expected.levels);
+  }
+}
+
+TEST(MeterStore, HostileOrMissingObjectsGiveNothing) {
+  struct Row {
+    const char* what;
+    std::function<void(MeterImage&)> damage;
+    std::size_t objectSize;  // 0: no object at all
+  };
+  const std::vector<Row> rows{
+      {"sequence odd forever", [](MeterImage& m) { m.sequence = 7; }, 4096},
+      {"wrong magic", [](MeterImage& m) { m.magic = 0x53545242; }, 4096},
+      {"version 0", [](MeterImage& m) { m.version = 0; }, 4096},
+      {"version 3", [](MeterImage& m) { m.version = 3; }, 4096},
+      {"size field 8192", [](MeterImage& m) { m.size = 8192; }, 8192},
+      {"truncated object", [](MeterImage&) {}, 4092},
+      {"huge channel count in a truncated object",
+       [](MeterImage& m) { m.channelCount = 0xFFFFFFFF; }, 512},
+      {"missing object", [](MeterImage&) {}, 0},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    std::string owner = uniqueOwner("hostile");
+    std::optional<ShmObject> object;
+    if (row.objectSize > 0) {
+      object.emplace(RuntimeMeterStore::objectName(owner), row.objectSize);
+      MeterImage image{.channelCount = 2, .levels = {0.5f, 0.25f}};
+      row.damage(image);
+      image.writeTo(*object);
+    }
+    int descriptors = testing::openDescriptorCount();
+    EXPECT_EQ(RuntimeMeterStore::reading(owner), std::nullopt);
+    EXPECT_EQ(RuntimeMeterStore::levels(owner), std::nullopt);
+    EXPECT_EQ(testing::openDescriptorCount(), descriptors);
+  }
+}
+
+// A producer thread writes two readings in turn with the sequence protocol (atomic word stores,
+// as a real producer in another process would); the reader accepts only whole readings.
+TEST(MeterStore, ConcurrentProducerNeverYieldsATornReading) {
+  ShmObject object(testing::uniqueShmName("meter"), 4096);
+  auto word = [&](std::size_t offset) {
+    return std::atomic_ref<std::uint32_t>(
+        *reinterpret_cast<std::uint32_t*>(object.bytes() + offset));
+  };
+  auto publish = [&](float value) {
+    std::uint32_t sequence = word(12).load(std::memory_order_relaxed);
+    word(12).store(sequence + 1, std::memory_order_release);
+    for (std::size_t k = 0; k < 64; ++k) {
+      word(20 + 4 * k).store(std::bit_cast<std::uint32_t>(value), std::memory_order_release);
+      word(276 + 4 * k).store(std::bit_cast<std::uint32_t>(value * 2), std::memory_order_release);
+    }
+    word(12).store(sequence + 2, std::memory_order_release);
+  };
+  MeterImage{.channelCount = 64}.writeTo(object);
+  publish(0.25f);
+  Reading quiet{std::vector<double>(64, 0.25), std::vector<double>(64, 0.5)};
+  Reading loud{std::vector<double>(64, 0.75), std::vector<double>(64, 1.5)};
+
+  std::atomic<bool> stop{false};
+  std::thread producer([&] {
+    for (int n = 0; !stop.load(std::memory_order_relaxed); ++n) {
+      publish(n % 2 == 0 ? 0.75f : 0.25f);
+      std::this_thread::yield();
+    }
+  });
+  long accepted = 0;
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+  while (std::chrono::steady_clock::now() < deadline) {
+    auto reading = RuntimeMeterStore::readBlock(reinterpret_cast<const std::byte*>(object.bytes()));
+    if (!reading) continue;
+    ++accepted;
+    if (*reading != quiet && *reading != loud) {
+      ADD_FAILURE() << "torn reading accepted";
+      break;
+    }
+  }
+  stop = true;
+  producer.join();
+  EXPECT_GT(accepted, 0);
+}
+
+TEST(MeterTap, ReadingsGoStaleWhenTheyStopChanging) {
+  Reading a{{0.5}, {0.5}}, b{{0.25}, {0.75}};
+  MeterTap tap;
+  EXPECT_EQ(tap.reading("m", 0.0), std::nullopt);
+
+  tap.update({{"m", a}, {"n", b}}, 10.0);
+  EXPECT_EQ(tap.reading("m", 10.0), a);
+  EXPECT_EQ(tap.reading("m", 10.299), a);
+  EXPECT_EQ(tap.reading("m", 10.3), std::nullopt) << "0.3 s unchanged is stale";
+  EXPECT_EQ(tap.reading("m", 9.0), a) << "a lookup before the change still sees it";
+
+  // The same reading again keeps its old time.
+  tap.update({{"m", a}, {"n", a}}, 10.5);
+  EXPECT_EQ(tap.reading("m", 10.5), std::nullopt);
+  EXPECT_EQ(tap.reading("n", 10.5), a);
+  EXPECT_EQ(tap.reading("n", 10.79), a);
+  EXPECT_EQ(tap.reading("n", 10.8), std::nullopt);
+
+  // Owners missing from an update are forgotten, even when they come back with the old reading.
+  tap.update({{"n", a}}, 11.0);
+  EXPECT_EQ(tap.reading("m", 11.0), std::nullopt);
+  tap.update({{"m", a}, {"n", a}}, 11.1);
+  EXPECT_EQ(tap.reading("m", 11.1), a);
+  EXPECT_EQ(tap.reading("n", 11.1), std::nullopt);
+}
+
+}  // namespace
+}  // namespace brisola

@@ -1,0 +1,131 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "brisola/runtime/route_map.hpp"
+#include "support/documents.hpp"
+
+namespace brisola {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::monitorEnd;
+using testing::outputEnd;
+using testing::sourceEnd;
+using testing::wire;
+using R = RuntimeChannelRoute;
+
+DeviceConfig deviceWith(std::vector<Wire> wires) {
+  DeviceConfig device{.id = "dev", .name = "Device", .channelCount = 2};
+  device.wires = std::move(wires);
+  return device;
+}
+
+TEST(RouteMap, SourceRoutesKeepOnlyWiresFromTheSourceIntoThisDevicesOwnOutput) {
+  struct Row {
+    const char* what;
+    Wire wire;
+    bool kept;
+  };
+  const std::vector<Row> rows{
+      {"plain", wire("w", sourceEnd("src", 1), outputEnd("dev", 1)), true},
+      {"output channel at the supported count", wire("w", sourceEnd("src", 2), outputEnd("dev", 2)),
+       true},
+      {"source channel above anything the source has",
+       wire("w", sourceEnd("src", 9), outputEnd("dev", 1)), true},
+      {"output channel above the supported count",
+       wire("w", sourceEnd("src", 1), outputEnd("dev", 3)), false},
+      {"output channel 0", wire("w", sourceEnd("src", 1), outputEnd("dev", 0)), false},
+      {"negative output channel", wire("w", sourceEnd("src", 1), outputEnd("dev", -1)), false},
+      {"source channel 0", wire("w", sourceEnd("src", 0), outputEnd("dev", 1)), false},
+      {"another source", wire("w", sourceEnd("other", 1), outputEnd("dev", 1)), false},
+      {"another device's output", wire("w", sourceEnd("src", 1), outputEnd("dev2", 1)), false},
+      {"into a monitor", wire("w", sourceEnd("src", 1), monitorEnd("dev", 1)), false},
+      {"from the device output", wire("w", outputEnd("src", 1), outputEnd("dev", 1)), false},
+      {"owner differs only in case", wire("w", sourceEnd("SRC", 1), outputEnd("dev", 1)), false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    auto routes = RuntimeRouteMap::sourceRoutes("src", deviceWith({row.wire}), 2);
+    if (row.kept) {
+      EXPECT_THAT(routes, ElementsAre(R{row.wire.from.channel, row.wire.to.channel}));
+    } else {
+      EXPECT_THAT(routes, ::testing::IsEmpty());
+    }
+  }
+}
+
+TEST(RouteMap, MonitorRoutesBoundBothChannels) {
+  struct Row {
+    const char* what;
+    Wire wire;
+    bool kept;
+  };
+  const std::vector<Row> rows{
+      {"plain", wire("w", outputEnd("dev", 2), monitorEnd("mon", 1)), true},
+      {"device channel above the input count", wire("w", outputEnd("dev", 3), monitorEnd("mon", 1)),
+       false},
+      {"monitor channel above the output count",
+       wire("w", outputEnd("dev", 1), monitorEnd("mon", 3)), false},
+      {"device channel 0", wire("w", outputEnd("dev", 0), monitorEnd("mon", 1)), false},
+      {"monitor channel 0", wire("w", outputEnd("dev", 1), monitorEnd("mon", 0)), false},
+      {"another monitor", wire("w", outputEnd("dev", 1), monitorEnd("mon2", 1)), false},
+      {"another device's output", wire("w", outputEnd("dev2", 1), monitorEnd("mon", 1)), false},
+      {"from a source", wire("w", sourceEnd("dev", 1), monitorEnd("mon", 1)), false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    auto routes = RuntimeRouteMap::monitorRoutes("mon", deviceWith({row.wire}), 2, 2);
+    EXPECT_EQ(routes.size(), row.kept ? 1u : 0u);
+  }
+}
+
+TEST(RouteMap, RoutesKeepWireOrderAndDuplicatesAndStopAt256) {
+  std::vector<Wire> wires;
+  for (int i = 0; i < 300; ++i) {
+    // Output channels cycle 2, 1, 2, 1 ... so that any sorting would show.
+    wires.push_back(
+        wire("w" + std::to_string(i), sourceEnd("src", i + 1), outputEnd("dev", 2 - i % 2)));
+    wires.push_back(
+        wire("m" + std::to_string(i), outputEnd("dev", 2 - i % 2), monitorEnd("mon", 1)));
+  }
+  DeviceConfig device = deviceWith(wires);
+
+  auto sources = RuntimeRouteMap::sourceRoutes("src", device, 2);
+  ASSERT_EQ(sources.size(), 256u);
+  for (std::size_t i = 0; i < sources.size(); ++i) {
+    ASSERT_EQ(sources[i],
+              (R{static_cast<std::int64_t>(i) + 1, 2 - static_cast<std::int64_t>(i % 2)}));
+  }
+  auto monitors = RuntimeRouteMap::monitorRoutes("mon", device, 2, 2);
+  ASSERT_EQ(monitors.size(), 256u);
+  EXPECT_THAT(std::vector<R>(monitors.begin(), monitors.begin() + 3),
+              ElementsAre(R{2, 1}, R{1, 1}, R{2, 1}));
+
+  EXPECT_EQ(RuntimeRouteMap::sourceRoutes("src", deviceWith({}), 2).size(), 0u);
+}
+
+TEST(RouteMap, EnvironmentText) {
+  EXPECT_EQ(RuntimeRouteMap::environmentValue({}), "");
+  EXPECT_EQ(RuntimeRouteMap::environmentValue({{3, 1}}), "3:1");
+  EXPECT_EQ(RuntimeRouteMap::environmentValue({{2, 1}, {1, 2}, {1, 2}}), "2:1,1:2,1:2");
+  EXPECT_EQ(RuntimeRouteMap::environmentValue({{10, 64}, {128, 1}}), "10:64,128:1");
+  EXPECT_THAT(RuntimeRouteMap::defaultStereoRoutes(), ElementsAre(R{1, 1}, R{2, 2}));
+  EXPECT_EQ(RuntimeRouteMap::defaultStereoEnvironmentValue(), "1:1,2:2");
+}
+
+TEST(RouteMap, JSONFormHasExactlyTheTwoRequiredKeys) {
+  EXPECT_EQ(encodeJSON(R{3, 1}), "{\n  \"outputChannel\": 1,\n  \"sourceChannel\": 3\n}");
+  EXPECT_EQ(decodeJSON<R>(R"({"sourceChannel": 7, "outputChannel": 2})"), (R{7, 2}));
+  for (const char* text : {R"({"sourceChannel": 7})", R"({"outputChannel": 2})"}) {
+    SCOPED_TRACE(text);
+    try {
+      decodeJSON<R>(text);
+      ADD_FAILURE() << "decoded";
+    } catch (const DecodingError& error) {
+      EXPECT_EQ(error.kind(), DecodingError::Kind::keyNotFound);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace brisola

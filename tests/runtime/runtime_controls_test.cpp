@@ -1,0 +1,201 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "brisola/runtime/control_store.hpp"
+#include "brisola/runtime/runtime_controls.hpp"
+#include "support/documents.hpp"
+
+namespace brisola {
+namespace {
+
+using ::testing::Each;
+using ::testing::ElementsAre;
+using testing::outputEnd;
+using testing::sourceEnd;
+using testing::wire;
+using R = RuntimeChannelRoute;
+
+constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+constexpr float inf = std::numeric_limits<float>::infinity();
+
+RuntimeDeviceControls make(std::int64_t channelCount, float deviceGain = 1.0f,
+                           std::vector<float> gains = {}, std::vector<R> routes = {}) {
+  return RuntimeDeviceControls("uid", "name", "icon", channelCount, true, deviceGain,
+                               std::move(gains), true, false, deviceGain, std::move(routes));
+}
+
+TEST(RuntimeDeviceControls, ChannelCountIsMadeEvenTowardZeroThenClamped) {
+  const std::vector<std::pair<std::int64_t, std::int64_t>> rows{
+      {5, 4},
+      {-5, 2},
+      {1, 2},
+      {0, 2},
+      {2, 2},
+      {3, 2},
+      {63, 62},
+      {64, 64},
+      {65, 64},
+      {66, 64},
+      {1000, 64},
+      {std::numeric_limits<std::int64_t>::min(), 2},
+      {std::numeric_limits<std::int64_t>::max(), 64}};
+  for (auto [given, expected] : rows) {
+    SCOPED_TRACE(given);
+    EXPECT_EQ(make(given).channelCount, expected);
+  }
+}
+
+TEST(RuntimeDeviceControls, GainsAreSanitisedEverywhere) {
+  const std::vector<std::pair<float, float>> rows{
+      {nan, 1.0f},  {inf, 1.0f},  {-inf, 1.0f}, {-1.0f, 0.0f}, {-0.0f, 0.0f},
+      {0.0f, 0.0f}, {0.5f, 0.5f}, {2.0f, 2.0f}, {2.5f, 2.0f},  {1e-30f, 1e-30f}};
+  for (auto [given, expected] : rows) {
+    SCOPED_TRACE(given);
+    auto controls = make(2, given, {given});
+    EXPECT_EQ(controls.deviceGain, expected);
+    EXPECT_EQ(controls.sourceGain, expected);
+    EXPECT_EQ(controls.channelGains[0], expected);
+    // −0.0 must not survive as a negative zero.
+    EXPECT_FALSE(std::signbit(controls.deviceGain));
+  }
+}
+
+TEST(RuntimeDeviceControls, ChannelGainsBecomeExactly64AndRoutesAtMost128) {
+  auto padded = make(2, 1.0f, {0.5f, 3.0f});
+  ASSERT_EQ(padded.channelGains.size(), 64u);
+  EXPECT_EQ(padded.channelGains[0], 0.5f);
+  EXPECT_EQ(padded.channelGains[1], 2.0f);
+  EXPECT_THAT(std::vector<float>(padded.channelGains.begin() + 2, padded.channelGains.end()),
+              Each(1.0f));
+
+  std::vector<float> long_(70, 0.25f);
+  long_[64] = 0.75f;
+  auto cut = make(2, 1.0f, long_);
+  EXPECT_EQ(cut.channelGains, std::vector<float>(64, 0.25f));
+
+  std::vector<R> routes;
+  for (int j = 0; j < 130; ++j) routes.push_back({j + 1, -j});
+  auto limited = make(2, 1.0f, {}, routes);
+  ASSERT_EQ(limited.routes.size(), 128u);
+  // Route values are not touched, not even negative ones.
+  EXPECT_EQ(limited.routes.back(), (R{128, -127}));
+}
+
+TEST(RuntimeDeviceControls, JSONRoundTripsAndDecodingDoesNotNormalise) {
+  auto controls = make(8, 0.1f, {0.1f, 1.5f}, {{1, 2}, {3, 4}});
+  controls.uid = "app.brisola.device.x/y";
+  auto text = encodeJSON(controls);
+  EXPECT_THAT(text, ::testing::HasSubstr("\"deviceGain\": 0.1,"));
+  EXPECT_THAT(text, ::testing::HasSubstr("\"uid\": \"app.brisola.device.x/y\""));
+  EXPECT_EQ(decodeJSON<RuntimeDeviceControls>(text), controls);
+
+  auto raw = decodeJSON<RuntimeDeviceControls>(R"({"uid":"u","name":"n","icon":"i",
+      "channelCount":3,"deviceEnabled":false,"deviceGain":5,"channelGains":[-1],
+      "sourceEnabled":true,"muted":true,"sourceGain":-2,"routes":[{"sourceChannel":0,
+      "outputChannel":-4}]})");
+  EXPECT_EQ(raw.channelCount, 3);
+  EXPECT_EQ(raw.deviceGain, 5.0f);
+  EXPECT_EQ(raw.sourceGain, -2.0f);
+  EXPECT_THAT(raw.channelGains, ElementsAre(-1.0f));
+  EXPECT_THAT(raw.routes, ElementsAre(R{0, -4}));
+  EXPECT_TRUE(raw.muted);
+
+  try {
+    decodeJSON<RuntimeDeviceControls>(R"({"uid":"u","name":"n","icon":"i","channelCount":2,
+        "deviceEnabled":false,"deviceGain":1,"channelGains":[],"sourceEnabled":true,
+        "sourceGain":1,"routes":[]})");
+    ADD_FAILURE() << "decoded without \"muted\"";
+  } catch (const DecodingError& error) {
+    EXPECT_EQ(error.kind(), DecodingError::Kind::keyNotFound);
+    EXPECT_EQ(error.path(), "muted");
+  }
+}
+
+// Derivation from the document.
+
+DeviceConfig plainDevice(std::string id) {
+  return DeviceConfig{.id = id, .name = "Device " + id, .enabled = true, .channelCount = 2};
+}
+
+TEST(RuntimeControls, OneRecordPerDeviceAtMost16InDocumentOrderDisabledIncluded) {
+  ConfigSnapshot snapshot;
+  for (int i = 0; i < 20; ++i) snapshot.devices.push_back(plainDevice("d" + std::to_string(i)));
+  snapshot.devices[3].enabled = false;
+  auto controls = RuntimeControlStoreV3::controls(snapshot);
+  ASSERT_EQ(controls.size(), 16u);
+  for (std::size_t i = 0; i < controls.size(); ++i) {
+    EXPECT_EQ(controls[i].uid, snapshot.devices[i].uid);
+    EXPECT_EQ(controls[i].name, snapshot.devices[i].name);
+  }
+  EXPECT_FALSE(controls[3].deviceEnabled);
+  EXPECT_TRUE(controls[4].deviceEnabled);
+  EXPECT_TRUE(RuntimeControlStoreV3::controls(ConfigSnapshot::empty()).empty());
+}
+
+TEST(RuntimeControls, PassThruSourceDecidesSourceFieldsAndRoutes) {
+  // No pass-thru source at all: defaults and the stereo map.
+  DeviceConfig none = plainDevice("none");
+  none.sources.push_back(testing::hardwareSource("mic", "in"));
+  none.wires.push_back(wire("w", sourceEnd("mic", 1), outputEnd("none", 1)));
+  auto noneControls = RuntimeControlStoreV3::controls({.devices = {none}})[0];
+  EXPECT_TRUE(noneControls.sourceEnabled);
+  EXPECT_FALSE(noneControls.muted);
+  EXPECT_EQ(noneControls.sourceGain, 1.0f);
+  EXPECT_THAT(noneControls.routes, ElementsAre(R{1, 1}, R{2, 2}));
+
+  // A pass-thru source without wires into the output: no routes, not the stereo map.
+  DeviceConfig unwired = plainDevice("unwired");
+  unwired.sources.push_back(testing::passThruSource("pt"));
+  EXPECT_TRUE(RuntimeControlStoreV3::controls({.devices = {unwired}})[0].routes.empty());
+
+  // Two pass-thru sources: the first in source order counts.
+  DeviceConfig two = plainDevice("two");
+  two.sources.push_back(testing::hardwareSource("mic", "in"));
+  SourceConfig first = testing::passThruSource("first");
+  first.enabled = false;
+  first.muted = true;
+  first.gain = 0.5;
+  two.sources.push_back(first);
+  two.sources.push_back(testing::passThruSource("second"));
+  two.wires.push_back(wire("a", sourceEnd("second", 1), outputEnd("two", 1)));
+  two.wires.push_back(wire("b", sourceEnd("first", 2), outputEnd("two", 1)));
+  auto twoControls = RuntimeControlStoreV3::controls({.devices = {two}})[0];
+  EXPECT_FALSE(twoControls.sourceEnabled);
+  EXPECT_TRUE(twoControls.muted);
+  EXPECT_EQ(twoControls.sourceGain, 0.5f);
+  EXPECT_THAT(twoControls.routes, ElementsAre(R{2, 1}));
+}
+
+TEST(RuntimeControls, RouteBoundIsTheConfiguredChannelCountNotThePublishedOne) {
+  DeviceConfig odd = plainDevice("odd");
+  odd.channelCount = 3;
+  odd.sources.push_back(testing::passThruSource("pt"));
+  odd.wires.push_back(wire("w3", sourceEnd("pt", 1), outputEnd("odd", 3)));
+  odd.wires.push_back(wire("w4", sourceEnd("pt", 1), outputEnd("odd", 4)));
+  auto controls = RuntimeControlStoreV3::controls({.devices = {odd}})[0];
+  EXPECT_EQ(controls.channelCount, 2);
+  EXPECT_THAT(controls.routes, ElementsAre(R{1, 3}));
+}
+
+TEST(RuntimeControls, VolumeAndChannelGainsAreNarrowedThenSanitised) {
+  const std::vector<std::pair<double, float>> rows{
+      {1.5, 1.5f}, {3.0, 2.0f}, {-1.0, 0.0f}, {std::nan(""), 1.0f}, {1e300, 1.0f}, {0.1, 0.1f}};
+  for (auto [volume, expected] : rows) {
+    SCOPED_TRACE(volume);
+    DeviceConfig device = plainDevice("d");
+    device.volume = volume;
+    device.channelGains = std::vector<double>{volume};
+    auto controls = RuntimeControlStoreV3::controls({.devices = {device}})[0];
+    EXPECT_EQ(controls.deviceGain, expected);
+    EXPECT_EQ(controls.channelGains[0], expected);
+  }
+  DeviceConfig absent = plainDevice("d");
+  EXPECT_EQ(RuntimeControlStoreV3::controls({.devices = {absent}})[0].channelGains,
+            std::vector<float>(64, 1.0f));
+}
+
+}  // namespace
+}  // namespace brisola

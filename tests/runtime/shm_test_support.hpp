@@ -1,0 +1,125 @@
+#pragma once
+
+// Shared-memory objects that a test builds and inspects byte by byte, independently of the
+// library's readers and writers.
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "brisola/runtime/runtime_controls.hpp"
+
+namespace brisola::testing {
+
+// A name no other test process uses: "/brisolatest-<pid>-<tag>-<n>".
+inline std::string uniqueShmName(const std::string& tag) {
+  static int counter = 0;
+  return "/brisolatest-" + std::to_string(::getpid()) + "-" + tag + "-" + std::to_string(++counter);
+}
+
+// Maps an existing object (or creates one of `createSize` bytes) read-write for the test, and
+// removes the object when destroyed.
+class ShmObject {
+ public:
+  // Opens the object that exists under `name`.
+  explicit ShmObject(std::string name) : name_(std::move(name)) { open(O_RDWR, 0); }
+  // Creates the object with the given size and fill byte.
+  ShmObject(std::string name, std::size_t size, unsigned char fill = 0) : name_(std::move(name)) {
+    ::shm_unlink(name_.c_str());
+    open(O_RDWR | O_CREAT | O_EXCL, size);
+    if (data_ != nullptr) std::memset(data_, fill, size_);
+  }
+  ShmObject(const ShmObject&) = delete;
+  ShmObject& operator=(const ShmObject&) = delete;
+  ~ShmObject() {
+    if (data_ != nullptr) ::munmap(data_, size_);
+    ::shm_unlink(name_.c_str());
+  }
+
+  const std::string& name() const { return name_; }
+  std::size_t size() const { return size_; }
+  unsigned char* bytes() { return static_cast<unsigned char*>(data_); }
+
+  std::uint32_t u32(std::size_t offset) const {
+    std::uint32_t value;
+    std::memcpy(&value, static_cast<const unsigned char*>(data_) + offset, 4);
+    return value;
+  }
+  float f32(std::size_t offset) const {
+    float value;
+    std::memcpy(&value, static_cast<const unsigned char*>(data_) + offset, 4);
+    return value;
+  }
+  void setU32(std::size_t offset, std::uint32_t value) { std::memcpy(bytes() + offset, &value, 4); }
+  void setF32(std::size_t offset, float value) { std::memcpy(bytes() + offset, &value, 4); }
+  std::string text(std::size_t offset, std::size_t width) const {
+    return std::string(static_cast<const char*>(data_) + offset, width);
+  }
+
+ private:
+  void open(int flags, std::size_t size) {
+    int fd = ::shm_open(name_.c_str(), flags | O_CLOEXEC, 0600);
+    if (fd < 0) throw std::runtime_error("shm_open " + name_ + ": " + std::strerror(errno));
+    if ((flags & O_CREAT) != 0 && ::ftruncate(fd, static_cast<off_t>(size)) != 0) {
+      ::close(fd);
+      throw std::runtime_error("ftruncate " + name_);
+    }
+    struct stat info {};
+    ::fstat(fd, &info);
+    size_ = static_cast<std::size_t>(info.st_size);
+    data_ =
+        size_ == 0 ? nullptr : ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ::close(fd);
+    if (data_ == MAP_FAILED) throw std::runtime_error("mmap " + name_);
+  }
+
+  std::string name_;
+  void* data_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+inline bool shmExists(const std::string& name) {
+  int fd = ::shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
+  if (fd < 0) return false;
+  ::close(fd);
+  return true;
+}
+
+// Descriptors open in this process, to show that failing calls close what they opened.
+inline int openDescriptorCount() {
+  int count = 0;
+  if (DIR* directory = ::opendir("/proc/self/fd")) {
+    while (::readdir(directory) != nullptr) ++count;
+    ::closedir(directory);
+  }
+  return count;
+}
+
+// A record built through the constructor with every field distinct per `seed`, texts that fit
+// their fields and routes without zero channels, so it survives a write and a read unchanged.
+inline RuntimeDeviceControls sampleControls(int seed, std::size_t routeCount = 3) {
+  std::vector<float> gains;
+  for (int k = 0; k < 64; ++k) gains.push_back(static_cast<float>((seed * 7 + k) % 20) / 10.0f);
+  std::vector<RuntimeChannelRoute> routes;
+  for (std::size_t j = 0; j < routeCount; ++j) {
+    routes.push_back(
+        {static_cast<std::int64_t>(j % 5) + 1 + seed, static_cast<std::int64_t>(j % 3) + 1});
+  }
+  std::string tag = std::to_string(seed);
+  return RuntimeDeviceControls("app.brisola.device." + tag, "Device " + tag + " — Ünï",
+                               seed % 2 == 0 ? "mic" : "waveform.circle", 2 + 2 * (seed % 32),
+                               seed % 2 == 0, 0.25f * static_cast<float>(seed % 8), gains,
+                               seed % 3 == 0, seed % 5 == 0, 0.125f * static_cast<float>(seed % 16),
+                               routes);
+}
+
+}  // namespace brisola::testing
