@@ -91,8 +91,9 @@ std::string truncatedToByteLength(std::string_view text, std::size_t maxBytes) {
   if (text.size() <= maxBytes) return std::string(text);
   // Start from the last code point start at or before the limit: ICU snaps offsets inside a
   // code point back to its start, which would lose one character too many.
-  std::size_t limit = maxBytes;
-  while (limit > 0 && (static_cast<unsigned char>(text[limit]) & 0xC0) == 0x80) --limit;
+  // (A stray continuation byte is a code point of its own, as in decoding.)
+  auto limit = static_cast<int32_t>(maxBytes);
+  U8_SET_CP_START(reinterpret_cast<const uint8_t*>(text.data()), 0, limit);
   UErrorCode status = U_ZERO_ERROR;
   std::unique_ptr<icu::BreakIterator> characters(
       icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
@@ -101,8 +102,7 @@ std::string truncatedToByteLength(std::string_view text, std::size_t maxBytes) {
   if (U_FAILURE(status)) throw std::runtime_error("ICU could not open the text");
   characters->setText(utext, status);
   // Native indices of a UTF-8 text are byte offsets.
-  auto offset = static_cast<int32_t>(limit);
-  int32_t boundary = characters->isBoundary(offset) ? offset : characters->preceding(offset);
+  int32_t boundary = characters->isBoundary(limit) ? limit : characters->preceding(limit);
   utext_close(utext);
   if (boundary == icu::BreakIterator::DONE || boundary < 0) boundary = 0;
   return std::string(text.substr(0, static_cast<std::size_t>(boundary)));
