@@ -91,7 +91,7 @@ void BrisolaService::run() {
   runLoop(signals);
 }
 
-void BrisolaService::runOnce() {
+void BrisolaService::runCycle() {
   ports_.heartbeat();
   ConfigSnapshot snapshot;
   try {
@@ -108,7 +108,7 @@ void BrisolaService::runOnce() {
 void BrisolaService::runLoop(StopSignals& signals) {
   BrisolaServiceLog::write("Starting Brisola audio service");
   while (!signals.stopRequested()) {
-    runOnce();
+    runCycle();
     if (signals.sleep(pollInterval_)) break;
   }
   ports_.supervisor->stopAllRoutes();

@@ -42,6 +42,10 @@ class BrisolaService {
 
   std::vector<DesiredRoute> desiredRoutes(const ConfigSnapshot& snapshot) const;
 
+  // One poll cycle: heartbeat, load, publish, plan, reconcile. Failures to load or publish are
+  // logged and end the cycle early; nothing raises.
+  void runCycle();
+
   const ConfigStore& store() const { return store_; }
   const HelperPaths& helperPaths() const { return helperPaths_; }
   double pollInterval() const { return pollInterval_; }
@@ -52,7 +56,6 @@ class BrisolaService {
 
  private:
   void runLoop(StopSignals& signals);
-  void runOnce();
   void runDry();
 
   Environment environment_;
