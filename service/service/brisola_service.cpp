@@ -14,18 +14,8 @@
 extern char** environ;
 
 namespace brisola {
-namespace fs = std::filesystem;
 
 namespace {
-
-fs::path documentLocation(const Environment& environment, const FileManager& fileManager) {
-  auto path = ServiceSettings::lookup(environment, "BRISOLA_CONFIG_PATH");
-  if (path && !path->empty()) {
-    fs::path url(*path);
-    return url.is_absolute() ? url : fileManager.currentDirectory() / url;
-  }
-  return ConfigStore::defaultURL(fileManager);
-}
 
 bool dryRunRequested(const Environment& environment) {
   return ServiceSettings::isTruthy(
@@ -60,8 +50,10 @@ BrisolaService::BrisolaService(Environment environment, std::vector<std::string>
 BrisolaService::BrisolaService(Environment environment, std::vector<std::string> arguments,
                                ServicePorts ports)
     : environment_(std::move(environment)),
-      store_(documentLocation(environment_, *FileManager::defaultManager()),
-             FileManager::defaultManager()),
+      store_(
+          ConfigStore::configuredURL(ServiceSettings::lookup(environment_, "BRISOLA_CONFIG_PATH"),
+                                     *FileManager::defaultManager()),
+          FileManager::defaultManager()),
       helperPaths_(HelperPaths::resolve(environment_, arguments, *FileManager::defaultManager())),
       pollInterval_(ServiceSettings::pollInterval(
           ServiceSettings::lookup(environment_, "BRISOLA_SERVICE_POLL_SECONDS"))),

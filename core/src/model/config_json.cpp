@@ -226,6 +226,18 @@ DeviceConfig decodeJSON(std::string_view bytes, JSONTag<DeviceConfig>) {
   return json::readDevice(json::parse(bytes), "");
 }
 
+SourceConfig decodeJSON(std::string_view bytes, JSONTag<SourceConfig>) {
+  return json::readSource(json::parse(bytes), "");
+}
+
+MonitorConfig decodeJSON(std::string_view bytes, JSONTag<MonitorConfig>) {
+  return json::readMonitor(json::parse(bytes), "");
+}
+
+Wire decodeJSON(std::string_view bytes, JSONTag<Wire>) {
+  return json::readWire(json::parse(bytes), "");
+}
+
 ConfigSnapshot decodeJSON(std::string_view bytes, JSONTag<ConfigSnapshot>) {
   return json::readSnapshot(json::parse(bytes), "");
 }

@@ -8,6 +8,7 @@
 
 #include "brisola/model/config.hpp"
 #include "brisola/platform/unique_fd.hpp"
+#include "model/json_support.hpp"
 #include "runtime/meter_block.hpp"
 #include "runtime/shared_words.hpp"
 
@@ -96,6 +97,10 @@ std::optional<std::vector<double>> levels(std::string_view ownerID) {
 }
 
 }  // namespace RuntimeMeterStore
+
+std::string encodeJSON(const RuntimeMeterStore::Reading& reading) {
+  return json::dump(json::Json{{"levels", reading.levels}, {"peaks", reading.peaks}});
+}
 
 void MeterTap::update(const Readings& readings, double at) {
   std::lock_guard guard(lock_);

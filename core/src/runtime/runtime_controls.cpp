@@ -133,4 +133,10 @@ RuntimeDeviceControls decodeJSON(std::string_view bytes, JSONTag<RuntimeDeviceCo
   return json::readControls(json::parse(bytes), "");
 }
 
+std::string encodeJSON(const std::vector<RuntimeDeviceControls>& controls) {
+  json::Json list = json::Json::array();
+  for (const auto& entry : controls) list.push_back(json::controlsToJSON(entry));
+  return json::dump(list);
+}
+
 }  // namespace brisola

@@ -45,6 +45,15 @@ ConfigStore::ConfigStore(fs::path url, std::shared_ptr<FileManager> fileManager,
                          ConfigValidator validator)
     : url_(std::move(url)), fileManager_(std::move(fileManager)), validator_(validator) {}
 
+fs::path ConfigStore::configuredURL(const std::optional<std::string>& configPath,
+                                   const FileManager& fileManager) {
+  if (configPath && !configPath->empty()) {
+    fs::path url(*configPath);
+    return url.is_absolute() ? url : fileManager.currentDirectory() / url;
+  }
+  return defaultURL(fileManager);
+}
+
 fs::path ConfigStore::defaultURL(const FileManager& fileManager) {
   auto directories = fileManager.applicationSupportDirectories();
   fs::path base = directories.empty()

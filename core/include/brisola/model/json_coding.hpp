@@ -66,5 +66,8 @@ std::string encodeJSON(const MonitorConfig& monitor);
 std::string encodeJSON(const Wire& wire);
 ConfigSnapshot decodeJSON(std::string_view bytes, JSONTag<ConfigSnapshot>);
 DeviceConfig decodeJSON(std::string_view bytes, JSONTag<DeviceConfig>);
+SourceConfig decodeJSON(std::string_view bytes, JSONTag<SourceConfig>);
+MonitorConfig decodeJSON(std::string_view bytes, JSONTag<MonitorConfig>);
+Wire decodeJSON(std::string_view bytes, JSONTag<Wire>);
 
 }  // namespace brisola

@@ -47,6 +47,9 @@ std::optional<std::vector<double>> levels(std::string_view ownerID);
 
 }  // namespace RuntimeMeterStore
 
+// {"levels": [...], "peaks": [...]}.
+std::string encodeJSON(const RuntimeMeterStore::Reading& reading);
+
 // Remembers when each owner's reading last changed, so a meter whose producer stopped reads as
 // absent after 0.3 s. Times are seconds on any one clock of the caller's choosing.
 // Safe to share between threads.

@@ -52,5 +52,6 @@ struct RuntimeDeviceControls {
 // All keys required on decoding; decoding keeps the values as they stand (no normalising).
 std::string encodeJSON(const RuntimeDeviceControls& controls);
 RuntimeDeviceControls decodeJSON(std::string_view bytes, JSONTag<RuntimeDeviceControls>);
+std::string encodeJSON(const std::vector<RuntimeDeviceControls>& controls);
 
 }  // namespace brisola

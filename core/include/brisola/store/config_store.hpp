@@ -6,7 +6,9 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <stdexcept>
+#include <string>
 
 #include "brisola/model/config.hpp"
 #include "brisola/platform/file_manager.hpp"
@@ -51,6 +53,11 @@ class ConfigStore {
   // Application Support/Brisola/config.json. Moves an earlier release's data directory into
   // place first, once; that step never fails.
   static std::filesystem::path defaultURL(const FileManager& fileManager);
+  // The document every program of the product agrees on: `configPath` (the value of
+  // BRISOLA_CONFIG_PATH or a command-line choice) when not empty, relative paths taken from
+  // the current directory; otherwise defaultURL.
+  static std::filesystem::path configuredURL(const std::optional<std::string>& configPath,
+                                             const FileManager& fileManager);
 
   // Throws ConfigStoreError::missingConfig, a file-system error or a DecodingError.
   ConfigSnapshot load() const;

@@ -1,0 +1,106 @@
+// brisolactl's views of the state shared at run time: the control block (under the service's
+// fixed name, hence the resource lock), level meters and the heartbeat.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <thread>
+
+#include "brisola/runtime/control_store.hpp"
+#include "brisola/runtime/heartbeat.hpp"
+#include "brisola/runtime/meter_store.hpp"
+#include "runtime/shm_test_support.hpp"
+#include "support/documents.hpp"
+#include "tools/ctl_fixture.hpp"
+
+namespace brisola::testing {
+namespace {
+
+using namespace std::chrono_literals;
+
+class CtlSharedStateTest : public CtlTest {
+ protected:
+  void TearDown() override {
+    ::shm_unlink(std::string(RuntimeControlStoreV3::sharedMemoryName).c_str());
+  }
+};
+
+TEST_F(CtlSharedStateTest, ControlsAreTheLastPublishedRecords) {
+  ::shm_unlink(std::string(RuntimeControlStoreV3::sharedMemoryName).c_str());
+  auto result = run({"controls"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(
+      result.err,
+      "brisolactl: " + std::string(RuntimeControlStoreError::openFailed(ENOENT).what()) + "\n");
+
+  RuntimeControlStoreV3::publish(richSnapshot());
+  const auto published = RuntimeControlStoreV3::read();
+  ASSERT_EQ(published.size(), 2u);
+  result = run({"controls"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, encodeJSON(published) + "\n");
+}
+
+// A producer's meter object with constant levels, removed with the test.
+struct StillMeter {
+  std::string owner = "brisola.test.ctl." + std::to_string(::getpid());
+  ShmObject object{RuntimeMeterStore::objectName(owner), 4096};
+
+  StillMeter() {
+    const std::vector<std::uint32_t> header{0x53544D4B, 2, 4096, 2, 2};
+    for (std::size_t i = 0; i < header.size(); ++i) object.setU32(4 * i, header[i]);
+    object.setF32(20, 0.5f);
+    object.setF32(24, 0.125f);
+    object.setF32(276, 1.0f);
+    object.setF32(280, 0.25f);
+  }
+};
+
+TEST_F(CtlSharedStateTest, MeterReadingsAndTheirAbsence) {
+  StillMeter meter;
+  const auto reading = RuntimeMeterStore::reading(meter.owner);
+  ASSERT_TRUE(reading.has_value());
+  auto result = run({"meter", "--owner", meter.owner});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, encodeJSON(*reading) + "\n");
+
+  result = run({"meter", "--device", "no-such-device", "--side", "source"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_NE(result.err.find(RuntimeMeterStore::sourceOwnerID("no-such-device")), std::string::npos);
+}
+
+TEST_F(CtlSharedStateTest, WatchShowsBarsThenTheFrozenMeterAsAbsentUntilInterrupted) {
+  StillMeter meter;
+  RunningProcess watch(program(), {"meter", "--watch", "--owner", meter.owner}, environment(),
+                       directory().path(), directory().path());
+  // -6 dB on channel 1 fills 54 of 60 dB: 43 of 48 cells.
+  ASSERT_TRUE(watch.waitForOutput("   1 [" + std::string(43, '='), 5s)) << watch.standardOutput();
+  // The levels never change, so the tap declares the meter absent after 0.3 s.
+  ASSERT_TRUE(watch.waitForOutput("no live reading", 5s)) << watch.standardOutput();
+  watch.signal(SIGINT);
+  EXPECT_EQ(watch.waitFor(5s), 0);
+}
+
+TEST_F(CtlSharedStateTest, StatusFollowsTheHeartbeat) {
+  const auto url = dataDirectory() / "Brisola" / "service-heartbeat";
+  auto result = run({"status"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.out.find("\"alive\": false"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("\"lastBeat\": null"), std::string::npos);
+  EXPECT_NE(result.out.find(url.string()), std::string::npos);
+
+  ServiceHeartbeat::beat(url, ServiceHeartbeat::Clock::now() - 60s);
+  result = run({"status"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.out.find("\"secondsSinceLastBeat\": 6"), std::string::npos) << result.out;
+
+  ServiceHeartbeat::beat(url, ServiceHeartbeat::Clock::now());
+  result = run({"status"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.out.find("\"alive\": true"), std::string::npos) << result.out;
+}
+
+}  // namespace
+}  // namespace brisola::testing

@@ -1,0 +1,97 @@
+// Commands that read what the service and the audio path share at run time: controls,
+// meter, status.
+
+#include <chrono>
+#include <ctime>
+#include <iostream>
+
+#include "brisola/runtime/control_store.hpp"
+#include "brisola/runtime/heartbeat.hpp"
+#include "brisola/runtime/meter_store.hpp"
+#include "brisolactl/ctl.hpp"
+#include "model/json_support.hpp"
+
+namespace brisola::ctl {
+
+namespace {
+
+std::string utcText(ServiceHeartbeat::Clock::time_point time) {
+  const std::time_t seconds = ServiceHeartbeat::Clock::to_time_t(time);
+  std::tm utc{};
+  ::gmtime_r(&seconds, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
+struct MeterOptions {
+  std::string owner;
+  std::string device;
+  std::string side = "output";
+  bool watch = false;
+
+  std::string ownerID() const {
+    if (!owner.empty()) return owner;
+    return side == "source" ? RuntimeMeterStore::sourceOwnerID(device)
+                            : RuntimeMeterStore::outputOwnerID(device);
+  }
+};
+
+}  // namespace
+
+void addRuntimeCommands(CLI::App& app, Context& context) {
+  app.add_subcommand("controls",
+                     "Prints the device controls the service last published for the driver "
+                     "plug-in (the runtime control block), in slot order.")
+      ->callback([] { print(encodeJSON(RuntimeControlStoreV3::read())); });
+
+  auto meterOptions = std::make_shared<MeterOptions>();
+  CLI::App* meter = app.add_subcommand(
+      "meter",
+      "Prints a level meter's reading (levels and peaks per channel, linear, 1.0 = full "
+      "scale). Exit 1 when the meter has no reading. With --watch, shows it live until Ctrl-C; "
+      "a meter that stops changing for 0.3 s shows as absent.");
+  auto* owner = meter->add_option("--owner", meterOptions->owner, "The meter's owner identifier.");
+  auto* device = meter->add_option("--device", meterOptions->device,
+                                   "A virtual device's UID, instead of --owner.");
+  meter->add_option("--side", meterOptions->side, "With --device: source or output.")
+      ->check(CLI::IsMember({"source", "output"}))
+      ->needs(device)
+      ->capture_default_str();
+  owner->excludes(device);
+  meter->add_flag("--watch", meterOptions->watch, "Redraw the meter a few times a second.");
+  meter->callback([meterOptions] {
+    if (meterOptions->owner.empty() && meterOptions->device.empty()) {
+      throw Failure(Exit::usage, "meter needs --owner ID or --device UID");
+    }
+    const std::string ownerID = meterOptions->ownerID();
+    if (meterOptions->watch) {
+      watchMeter(ownerID);
+      return;
+    }
+    auto reading = RuntimeMeterStore::reading(ownerID);
+    if (!reading) throw Failure(Exit::negative, "No meter reading for " + ownerID);
+    print(encodeJSON(*reading));
+  });
+
+  app.add_subcommand("status",
+                     "Tells whether the service is alive: its heartbeat file moved in the last "
+                     "10 seconds. Exit 0 when alive, 1 when not.")
+      ->callback([&context] {
+        const auto fileManager = FileManager::defaultManager();
+        const auto now = ServiceHeartbeat::Clock::now();
+        const auto url = BrisolaCore::serviceHeartbeatFileURL(*fileManager);
+        const auto last = url ? ServiceHeartbeat::lastBeat(*url, *fileManager) : std::nullopt;
+        const bool fresh = url && ServiceHeartbeat::isFresh(*url, now, *fileManager);
+        json::Json status{{"alive", fresh},
+                          {"heartbeatFile", url ? json::Json(url->string()) : json::Json()},
+                          {"lastBeat", last ? json::Json(utcText(*last)) : json::Json()}};
+        if (last) {
+          status["secondsSinceLastBeat"] = std::chrono::duration<double>(now - *last).count();
+        }
+        print(json::dump(status));
+        context.status = fresh ? Exit::success : Exit::negative;
+      });
+}
+
+}  // namespace brisola::ctl
