@@ -128,6 +128,86 @@ std::optional<ApplicationSourceCandidate> findApplication(const Arguments& a, bo
   return std::nullopt;
 }
 
+// Wires channel c of `from` to channel c of `to` for every channel both have.
+void wireStraightThrough(std::string_view deviceID, const WireEndpoint& from,
+                         std::int64_t fromCount, const WireEndpoint& to, std::int64_t toCount,
+                         ConfigSnapshot& in) {
+  for (std::int64_t c = 1; c <= std::min(fromCount, toCount); ++c) {
+    ConfigEditor::connectWire(deviceID, {from.kind, from.ownerID, c}, {to.kind, to.ownerID, c}, in);
+  }
+}
+
+SourceConfig addSource(const Arguments& a, ConfigSnapshot& in) {
+  const std::size_t index = ConfigEditor::requireDeviceIndex(a.device, in);
+  SourceConfig source{.id = makeUUIDString(),
+                      .type = *enumFromName<SourceType>(a.type),
+                      .name = a.name,
+                      .enabled = true,
+                      .muted = false,
+                      .gain = 1.0,
+                      .channelCount = a.channels > 0 ? a.channels : 2};
+  auto& metadata = source.metadata;
+  if (source.type == SourceType::application) {
+    if (a.bundleID.empty() && a.pid == 0) {
+      throw Failure(Exit::usage, "An application source needs --pid or --bundle-id");
+    }
+    if (!a.bundleID.empty()) metadata.bundleIdentifier = a.bundleID;
+    if (a.pid != 0) metadata.pid = a.pid;
+    if (a.processObjectID != 0) metadata.processObjectID = a.processObjectID;
+    if (auto running = findApplication(a, a.pid != 0)) {
+      if (!metadata.bundleIdentifier) metadata.bundleIdentifier = running->bundleIdentifier;
+      if (!metadata.pid) metadata.pid = running->pid;
+      if (!metadata.processObjectID) metadata.processObjectID = running->processObjectID;
+      if (source.name.empty()) source.name = running->displayName;
+    }
+    if (source.name.empty()) {
+      source.name = metadata.bundleIdentifier.value_or("Application " + std::to_string(a.pid));
+    }
+  } else if (source.type == SourceType::system) {
+    if (source.name.empty()) source.name = "System Audio";
+  } else {
+    if (a.deviceUID.empty())
+      throw Failure(Exit::usage, "A hardwareInput source needs --device-uid");
+    metadata.deviceUID = a.deviceUID;
+    if (!a.inputBackend.empty()) metadata.inputBackend = a.inputBackend;
+    auto input = findAudioDevice(true, a.deviceUID);
+    if (source.name.empty()) source.name = input ? input->name : a.deviceUID;
+    if (a.channels <= 0 && input && input->channelCount > 0) {
+      source.channelCount = input->channelCount;
+    }
+  }
+  in.devices[index].sources.push_back(source);
+  if (!a.noWire) {
+    const DeviceConfig& device = in.devices[index];
+    wireStraightThrough(a.device, {EndpointKind::source, source.id, 0}, source.channelCount,
+                        {EndpointKind::deviceOutput, device.id, 0}, device.channelCount, in);
+  }
+  return source;
+}
+
+MonitorConfig addMonitor(const Arguments& a, ConfigSnapshot& in) {
+  const std::size_t index = ConfigEditor::requireDeviceIndex(a.device, in);
+  const auto output = findAudioDevice(false, a.deviceUID);
+  std::int64_t channels = a.channels;
+  if (channels <= 0) channels = output && output->channelCount > 0 ? output->channelCount : 2;
+  std::string name = a.name;
+  if (name.empty()) name = output ? output->name : a.deviceUID;
+  MonitorConfig monitor{.id = makeUUIDString(),
+                        .name = std::move(name),
+                        .enabled = true,
+                        .muted = false,
+                        .gain = 1.0,
+                        .deviceUID = a.deviceUID,
+                        .channelCount = channels};
+  in.devices[index].monitors.push_back(monitor);
+  if (!a.noWire) {
+    const DeviceConfig& device = in.devices[index];
+    wireStraightThrough(a.device, {EndpointKind::deviceOutput, device.id, 0}, device.channelCount,
+                        {EndpointKind::monitor, monitor.id, 0}, monitor.channelCount, in);
+  }
+  return monitor;
+}
+
 void addDeviceCommands(CLI::App& app, const Context& context, Arguments& a) {
   CLI::App* group = app.add_subcommand("device", "Adds, removes and changes virtual devices.");
   group->require_subcommand(1);
@@ -275,62 +355,7 @@ void addSourceCommands(CLI::App& app, const Context& context, Arguments& a) {
               "system (the whole system's sound, named \"System Audio\"), or hardwareInput "
               "(needs --device-uid; name and channel count come from the input device when "
               "found). Other sources: nest. Prints the source.",
-              context,
-              [&a](ConfigSnapshot& in) {
-                const std::size_t index = ConfigEditor::requireDeviceIndex(a.device, in);
-                SourceConfig source{.id = makeUUIDString(),
-                                    .type = *enumFromName<SourceType>(a.type),
-                                    .name = a.name,
-                                    .enabled = true,
-                                    .muted = false,
-                                    .gain = 1.0,
-                                    .channelCount = a.channels > 0 ? a.channels : 2};
-                if (source.type == SourceType::application) {
-                  if (a.bundleID.empty() && a.pid == 0) {
-                    throw Failure(Exit::usage, "An application source needs --pid or --bundle-id");
-                  }
-                  auto running = findApplication(a, a.pid != 0);
-                  auto& metadata = source.metadata;
-                  if (!a.bundleID.empty()) metadata.bundleIdentifier = a.bundleID;
-                  if (a.pid != 0) metadata.pid = a.pid;
-                  if (a.processObjectID != 0) metadata.processObjectID = a.processObjectID;
-                  if (running) {
-                    if (!metadata.bundleIdentifier)
-                      metadata.bundleIdentifier = running->bundleIdentifier;
-                    if (!metadata.pid) metadata.pid = running->pid;
-                    if (!metadata.processObjectID)
-                      metadata.processObjectID = running->processObjectID;
-                    if (source.name.empty()) source.name = running->displayName;
-                  }
-                  if (source.name.empty()) {
-                    source.name =
-                        metadata.bundleIdentifier.value_or("Application " + std::to_string(a.pid));
-                  }
-                } else if (source.type == SourceType::system) {
-                  if (source.name.empty()) source.name = "System Audio";
-                } else {
-                  if (a.deviceUID.empty()) {
-                    throw Failure(Exit::usage, "A hardwareInput source needs --device-uid");
-                  }
-                  source.metadata.deviceUID = a.deviceUID;
-                  if (!a.inputBackend.empty()) source.metadata.inputBackend = a.inputBackend;
-                  auto input = findAudioDevice(true, a.deviceUID);
-                  if (source.name.empty()) source.name = input ? input->name : a.deviceUID;
-                  if (a.channels <= 0 && input && input->channelCount > 0) {
-                    source.channelCount = input->channelCount;
-                  }
-                }
-                in.devices[index].sources.push_back(source);
-                if (!a.noWire) {
-                  const DeviceConfig& device = in.devices[index];
-                  for (std::int64_t c = 1; c <= std::min(source.channelCount, device.channelCount);
-                       ++c) {
-                    ConfigEditor::connectWire(a.device, {EndpointKind::source, source.id, c},
-                                              {EndpointKind::deviceOutput, device.id, c}, in);
-                  }
-                }
-                return encodeJSON(source);
-              }),
+              context, [&a](ConfigSnapshot& in) { return encodeJSON(addSource(a, in)); }),
       "");
   add->add_option("TYPE", a.type, "application, system or hardwareInput.")
       ->required()
@@ -378,30 +403,7 @@ void addMonitorCommands(CLI::App& app, const Context& context, Arguments& a) {
       "Adds an enabled, unmuted monitor at unity gain playing the device on an output device, "
       "channel for channel (unless --no-wire). Name and channel count come from the output "
       "device when found. Prints the monitor.",
-      context, [&a](ConfigSnapshot& in) {
-        const std::size_t index = ConfigEditor::requireDeviceIndex(a.device, in);
-        auto output = findAudioDevice(false, a.deviceUID);
-        std::int64_t channels = a.channels;
-        if (channels <= 0) channels = output && output->channelCount > 0 ? output->channelCount : 2;
-        MonitorConfig monitor{.id = makeUUIDString(),
-                              .name = !a.name.empty() ? a.name
-                                      : output        ? output->name
-                                                      : a.deviceUID,
-                              .enabled = true,
-                              .muted = false,
-                              .gain = 1.0,
-                              .deviceUID = a.deviceUID,
-                              .channelCount = channels};
-        in.devices[index].monitors.push_back(monitor);
-        if (!a.noWire) {
-          const DeviceConfig& device = in.devices[index];
-          for (std::int64_t c = 1; c <= std::min(monitor.channelCount, device.channelCount); ++c) {
-            ConfigEditor::connectWire(a.device, {EndpointKind::deviceOutput, device.id, c},
-                                      {EndpointKind::monitor, monitor.id, c}, in);
-          }
-        }
-        return encodeJSON(monitor);
-      });
+      context, [&a](ConfigSnapshot& in) { return encodeJSON(addMonitor(a, in)); });
   add->add_option("DEVICE", a.device, "The device's id.")->required();
   add->add_option("OUTPUT-UID", a.deviceUID, "The output device's UID.")->required();
   add->add_option("--name", a.name, "Display name (default: the output device's).");
