@@ -35,13 +35,14 @@ class ScopedEnvironment {
   std::optional<std::string> previous_;
 };
 
-// Polls `condition` until it holds (true) or `limit` has passed (false).
+// Polls `condition` every `step` until it holds (true) or `limit` has passed (false).
 inline bool eventually(const std::function<bool()>& condition,
-                       std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+                       std::chrono::milliseconds limit = std::chrono::seconds(10),
+                       std::chrono::milliseconds step = std::chrono::milliseconds(2)) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(step);
   }
   return true;
 }
