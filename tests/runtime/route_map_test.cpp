@@ -26,6 +26,10 @@ struct Row {
   bool kept;
 };
 
+std::vector<R> expected(const Row& row) {
+  return row.kept ? std::vector<R>{{row.from.channel, row.to.channel}} : std::vector<R>{};
+}
+
 TEST(RouteMap, SourceRoutesKeepOnlyWiresFromTheSourceIntoThisDevicesOwnOutput) {
   const std::vector<Row> rows{
       {"output channel at the supported count", sourceEnd("src", 2), outputEnd("dev", 2), true},
@@ -44,8 +48,7 @@ TEST(RouteMap, SourceRoutesKeepOnlyWiresFromTheSourceIntoThisDevicesOwnOutput) {
     SCOPED_TRACE(row.what);
     auto routes =
         RuntimeRouteMap::sourceRoutes("src", deviceWith({wire("w", row.from, row.to)}), 2);
-    EXPECT_EQ(routes,
-              row.kept ? std::vector{R{row.from.channel, row.to.channel}} : std::vector<R>{});
+    EXPECT_EQ(routes, expected(row));
   }
 }
 
@@ -63,8 +66,7 @@ TEST(RouteMap, MonitorRoutesBoundBothChannels) {
     SCOPED_TRACE(row.what);
     auto routes =
         RuntimeRouteMap::monitorRoutes("mon", deviceWith({wire("w", row.from, row.to)}), 2, 2);
-    EXPECT_EQ(routes,
-              row.kept ? std::vector{R{row.from.channel, row.to.channel}} : std::vector<R>{});
+    EXPECT_EQ(routes, expected(row));
   }
 }
 

@@ -240,7 +240,6 @@ TEST(ValidationRules, DeviceNumbersAtTheirBounds) {
   const std::string rateError = "device.invalidSampleRate", volumeError = "device.invalidVolume",
                     countError = "device.invalidChannelCount";
   expectCodes({
-      {"rate 48000", rate(48000), "", ""},
       {"rate 48000.5", rate(48000.5), "", "device.unsupportedSampleRate"},
       {"rate 0", rate(0), rateError, ""},
       {"rate NaN", rate(kNaN), rateError, ""},
@@ -248,7 +247,6 @@ TEST(ValidationRules, DeviceNumbersAtTheirBounds) {
       {"volume 2", volume(2.0), "", ""},
       {"volume 2.0000001", volume(2.0000001), volumeError, ""},
       {"volume -0.5", volume(-0.5), volumeError, ""},
-      {"volume inf", volume(kInfinity), volumeError, ""},
       {"channels 64", channels(64), "", ""},
       {"channels 0", channels(0), countError, ""},
       {"channels 63", channels(63), countError, ""},
