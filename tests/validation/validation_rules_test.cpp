@@ -113,94 +113,56 @@ ConfigSnapshot brokenStudio() {
 TEST(ValidationRules, BrokenDocumentReportsEveryIssueInOrder) {
   const ConfigSnapshot snapshot = brokenStudio();
   const ValidationResult result = validated(snapshot);
-
-  const std::string gainMessage = "Gain must be finite and between 0.0 and 2.0.";
-  const std::string channelGainMessage = "Channel gain must be finite and between 0.0 and 2.0.";
-  const std::string tooManyMessage = "Channel gain count must not exceed the channel count.";
-  const std::string channelCountMessage = "Channel count must be even and between 2 and 64.";
-  EXPECT_EQ(
-      result.errors,
-      (std::vector<ValidationIssue>{
-          {"schema.unsupported", "Unsupported schema version 3.", "schemaVersion"},
-          {"device.duplicateID", "Duplicate ID 'a' found.", "devices"},
-          {"device.duplicateUID", "Duplicate ID 'dup.uid' found.", "devices"},
-          {"device.emptyName", "Device name must not be empty.", "devices[0].name"},
-          {"device.invalidVolume", "Device volume must be finite and between 0.0 and 2.0.",
-           "devices[0].volume"},
-          {"device.tooManyChannelGains", tooManyMessage, "devices[0].channelGains"},
-          {"device.invalidChannelGain", channelGainMessage, "devices[0].channelGains[1]"},
-          {"device.invalidChannelGain", channelGainMessage, "devices[0].channelGains[3]"},
-          {"device.invalidChannelCount", channelCountMessage, "devices[0].channelCount"},
-          {"source.duplicateID", "Duplicate ID 's' found.", "devices[0].sources"},
-          {"monitor.duplicateID", "Duplicate ID 'm' found.", "devices[0].monitors"},
-          {"wire.duplicateID", "Duplicate ID 'w' found.", "devices[0].wires"},
-          {"source.emptyName", "Source name must not be empty.", "devices[0].sources[1].name"},
-          {"source.invalidChannelCount", "Source channel count must be positive.",
-           "devices[0].sources[1].channelCount"},
-          {"source.invalidGain", gainMessage, "devices[0].sources[1].gain"},
-          {"source.tooManyChannelGains", tooManyMessage, "devices[0].sources[1].channelGains"},
-          {"source.emptyID", "Source ID must not be empty.", "devices[0].sources[2].id"},
-          {"monitor.invalidGain", gainMessage, "devices[0].monitors[0].gain"},
-          {"monitor.invalidChannelGain", channelGainMessage,
-           "devices[0].monitors[0].channelGains[1]"},
-          {"monitor.emptyName", "Monitor name must not be empty.", "devices[0].monitors[1].name"},
-          {"monitor.invalidChannelCount", "Monitor channel count must be positive.",
-           "devices[0].monitors[1].channelCount"},
-          {"wire.emptyID", "Wire ID must not be empty.", "devices[0].wires[2].id"},
-          {"device.invalidSampleRate", "Sample rate must be positive.", "devices[1].sampleRate"},
-          {"device.invalidChannelCount", channelCountMessage, "devices[1].channelCount"},
-          {"device.emptyID", "Device ID must not be empty.", "devices[2].id"},
-          {"device.emptyUID", "Device UID must not be empty.", "devices[2].uid"},
-          {"device.emptyID", "Device ID must not be empty.", "devices[3].id"},
-      }));
-
-  EXPECT_EQ(
-      result.warnings,
-      (std::vector<ValidationIssue>{
-          {"device.unsupportedSampleRate",
-           "The engine runs at 48 kHz; this sample rate is ignored.", "devices[0].sampleRate"},
-          {"source.passThruChannelMismatch",
-           "Pass-Thru source channel count should match the virtual device channel count.",
-           "devices[0].sources[0].channelCount"},
-          {"source.muteWhenCapturingUnsupported",
-           "Mute-when-capturing only applies to application and system audio sources.",
-           "devices[0].sources[0].muteWhenCapturing"},
-          {"source.applicationMissingIdentity",
-           "Application source has no bundle identifier, PID, or process object ID.",
-           "devices[0].sources[1].metadata"},
-          {"source.hardwareInputMissingDevice",
-           "Hardware input source has no Core Audio device UID.",
-           "devices[0].sources[2].metadata.deviceUID"},
-          {"monitor.missingDeviceUID", "Monitor has no Core Audio output device UID.",
-           "devices[0].monitors[0].deviceUID"},
-          {"wire.invalidDirection",
-           "Wire direction must be source-to-deviceOutput or deviceOutput-to-monitor.",
-           "devices[0].wires[1]"},
-          {"wire.from.invalidChannel", "Wire endpoint channels are one-based and must be positive.",
-           "devices[0].wires[1].from.channel"},
-          {"wire.to.missingSource", "Wire endpoint refers to a missing source.",
-           "devices[0].wires[1].to.ownerID"},
-          {"wire.from.wrongDeviceOutputOwner",
-           "Device output endpoint must refer to the containing device.",
-           "devices[0].wires[2].from.ownerID"},
-          {"wire.from.deviceChannelOutOfRange",
-           "Wire endpoint channel exceeds the device channel count.",
-           "devices[0].wires[2].from.channel"},
-          {"wire.to.monitorChannelOutOfRange",
-           "Wire endpoint channel exceeds the monitor channel count.",
-           "devices[0].wires[2].to.channel"},
-          {"wire.to.missingMonitor", "Wire endpoint refers to a missing monitor.",
-           "devices[0].wires[3].to.ownerID"},
-          {"wire.to.invalidChannel", "Wire endpoint channels are one-based and must be positive.",
-           "devices[0].wires[4].to.channel"},
-          {"source.virtualDeviceMissingDevice", "Nested device source has no source device ID.",
-           "devices[1].sources[0].metadata.sourceDeviceID"},
-          {"ui.selectedDeviceMissing", "Selected device ID does not refer to a configured device.",
-           "ui.selectedDeviceID"},
-          {"source.virtualDeviceUnknownDevice",
-           "Nested device source 'Loop' refers to a device that does not exist.", "devices[2]"},
-      }));
-
+  // clang-format off
+  EXPECT_EQ(result.errors, testing::issues(R"(
+    schema.unsupported | Unsupported schema version 3. | schemaVersion
+    device.duplicateID | Duplicate ID 'a' found. | devices
+    device.duplicateUID | Duplicate ID 'dup.uid' found. | devices
+    device.emptyName | Device name must not be empty. | devices[0].name
+    device.invalidVolume | Device volume must be finite and between 0.0 and 2.0. | devices[0].volume
+    device.tooManyChannelGains | Channel gain count must not exceed the channel count. | devices[0].channelGains
+    device.invalidChannelGain | Channel gain must be finite and between 0.0 and 2.0. | devices[0].channelGains[1]
+    device.invalidChannelGain | Channel gain must be finite and between 0.0 and 2.0. | devices[0].channelGains[3]
+    device.invalidChannelCount | Channel count must be even and between 2 and 64. | devices[0].channelCount
+    source.duplicateID | Duplicate ID 's' found. | devices[0].sources
+    monitor.duplicateID | Duplicate ID 'm' found. | devices[0].monitors
+    wire.duplicateID | Duplicate ID 'w' found. | devices[0].wires
+    source.emptyName | Source name must not be empty. | devices[0].sources[1].name
+    source.invalidChannelCount | Source channel count must be positive. | devices[0].sources[1].channelCount
+    source.invalidGain | Gain must be finite and between 0.0 and 2.0. | devices[0].sources[1].gain
+    source.tooManyChannelGains | Channel gain count must not exceed the channel count. | devices[0].sources[1].channelGains
+    source.emptyID | Source ID must not be empty. | devices[0].sources[2].id
+    monitor.invalidGain | Gain must be finite and between 0.0 and 2.0. | devices[0].monitors[0].gain
+    monitor.invalidChannelGain | Channel gain must be finite and between 0.0 and 2.0. | devices[0].monitors[0].channelGains[1]
+    monitor.emptyName | Monitor name must not be empty. | devices[0].monitors[1].name
+    monitor.invalidChannelCount | Monitor channel count must be positive. | devices[0].monitors[1].channelCount
+    wire.emptyID | Wire ID must not be empty. | devices[0].wires[2].id
+    device.invalidSampleRate | Sample rate must be positive. | devices[1].sampleRate
+    device.invalidChannelCount | Channel count must be even and between 2 and 64. | devices[1].channelCount
+    device.emptyID | Device ID must not be empty. | devices[2].id
+    device.emptyUID | Device UID must not be empty. | devices[2].uid
+    device.emptyID | Device ID must not be empty. | devices[3].id
+  )"));
+  EXPECT_EQ(result.warnings, testing::issues(R"(
+    device.unsupportedSampleRate | The engine runs at 48 kHz; this sample rate is ignored. | devices[0].sampleRate
+    source.passThruChannelMismatch | Pass-Thru source channel count should match the virtual device channel count. | devices[0].sources[0].channelCount
+    source.muteWhenCapturingUnsupported | Mute-when-capturing only applies to application and system audio sources. | devices[0].sources[0].muteWhenCapturing
+    source.applicationMissingIdentity | Application source has no bundle identifier, PID, or process object ID. | devices[0].sources[1].metadata
+    source.hardwareInputMissingDevice | Hardware input source has no Core Audio device UID. | devices[0].sources[2].metadata.deviceUID
+    monitor.missingDeviceUID | Monitor has no Core Audio output device UID. | devices[0].monitors[0].deviceUID
+    wire.invalidDirection | Wire direction must be source-to-deviceOutput or deviceOutput-to-monitor. | devices[0].wires[1]
+    wire.from.invalidChannel | Wire endpoint channels are one-based and must be positive. | devices[0].wires[1].from.channel
+    wire.to.missingSource | Wire endpoint refers to a missing source. | devices[0].wires[1].to.ownerID
+    wire.from.wrongDeviceOutputOwner | Device output endpoint must refer to the containing device. | devices[0].wires[2].from.ownerID
+    wire.from.deviceChannelOutOfRange | Wire endpoint channel exceeds the device channel count. | devices[0].wires[2].from.channel
+    wire.to.monitorChannelOutOfRange | Wire endpoint channel exceeds the monitor channel count. | devices[0].wires[2].to.channel
+    wire.to.missingMonitor | Wire endpoint refers to a missing monitor. | devices[0].wires[3].to.ownerID
+    wire.to.invalidChannel | Wire endpoint channels are one-based and must be positive. | devices[0].wires[4].to.channel
+    source.virtualDeviceMissingDevice | Nested device source has no source device ID. | devices[1].sources[0].metadata.sourceDeviceID
+    ui.selectedDeviceMissing | Selected device ID does not refer to a configured device. | ui.selectedDeviceID
+    source.virtualDeviceUnknownDevice | Nested device source 'Loop' refers to a device that does not exist. | devices[2]
+  )"));
+  // clang-format on
   EXPECT_FALSE(result.isValid());
   EXPECT_EQ(validated(snapshot), result);
 }
@@ -333,17 +295,15 @@ TEST(ValidationRules, DuplicateIdentifiers) {
   devices[2].uid = "X";
   devices[3].uid = "";  // blank, so reported as empty and not as a duplicate
   devices[4].uid = "";
-  const ValidationIssue duplicateA{"device.duplicateID", "Duplicate ID 'a' found.", "devices"};
-  EXPECT_EQ(validated(documentWith(devices)).errors,
-            (std::vector<ValidationIssue>{
-                duplicateA,
-                duplicateA,
-                {"device.duplicateUID", "Duplicate ID 'X' found.", "devices"},
-                {"device.emptyID", "Device ID must not be empty.", "devices[2].id"},
-                {"device.emptyID", "Device ID must not be empty.", "devices[3].id"},
-                {"device.emptyUID", "Device UID must not be empty.", "devices[3].uid"},
-                {"device.emptyUID", "Device UID must not be empty.", "devices[4].uid"},
-            }));
+  EXPECT_EQ(validated(documentWith(devices)).errors, testing::issues(R"(
+    device.duplicateID | Duplicate ID 'a' found. | devices
+    device.duplicateID | Duplicate ID 'a' found. | devices
+    device.duplicateUID | Duplicate ID 'X' found. | devices
+    device.emptyID | Device ID must not be empty. | devices[2].id
+    device.emptyID | Device ID must not be empty. | devices[3].id
+    device.emptyUID | Device UID must not be empty. | devices[3].uid
+    device.emptyUID | Device UID must not be empty. | devices[4].uid
+  )"));
 }
 
 TEST(ValidationRules, CanonicallyEquivalentIdentifiersAreEqual) {
