@@ -27,6 +27,14 @@ std::vector<std::string> names(const std::vector<AudioDeviceInfo>& devices) {
   return result;
 }
 
+std::vector<std::string> summaryNames(const HardwareLayer& hardware) {
+  std::vector<std::string> result;
+  for (const auto& summary : CoreAudioDeviceRegistry::brisolaDeviceSummaries(hardware)) {
+    result.push_back(summary.name);
+  }
+  return result;
+}
+
 std::vector<std::string> displayNames(const std::vector<ApplicationSourceCandidate>& candidates) {
   std::vector<std::string> result;
   for (const auto& candidate : candidates) result.push_back(candidate.displayName);
@@ -102,9 +110,7 @@ TEST_F(RegistryTest, ChannelNamesThatOnlyRepeatTheNumberCarryNothing) {
   const std::optional<std::optional<std::string>> nullName{std::in_place, std::nullopt};
   const std::vector<Row> rows{
       {"own numbers, bare and after the word", {{"1"}, {"Channel 2"}}, std::nullopt},
-      {"padded name and an unnamed channel", {{" Left "}, std::nullopt}, {{"Left", ""}}},
       {"blank and null names", {{"  \n\t"}, nullName}, std::nullopt},
-      {"nothing at all", {std::nullopt, std::nullopt}, std::nullopt},
       {"another channel's number is a name", {{"2"}, {"Channel 1"}}, {{"2", "Channel 1"}}},
       {"the word is compared exactly", {{"channel 1"}, {"Channel 2 "}}, {{"channel 1", ""}}},
       {"Unicode white space is trimmed",
@@ -207,14 +213,10 @@ TEST_F(RegistryTest, InventoryPutsTheDefaultFirstThenFileBrowserOrderStably) {
   // "Speakers" and "speakers" compare equal and keep their list order.
   EXPECT_THAT(names(inventory.outputs),
               ElementsAre("Zulu Speakers", "Alpha", "Speakers", "speakers"));
-  std::vector<bool> outputDefaults;
-  for (const auto& device : inventory.outputs) outputDefaults.push_back(device.isDefault);
-  EXPECT_THAT(outputDefaults, ElementsAre(true, false, false, false));
   // A device that is the default on one side only is default on that side only.
-  EXPECT_TRUE(inventory.inputs[0].isDefault);
-  EXPECT_FALSE(inventory.outputs[2].isDefault);
-  EXPECT_EQ(inventory.inputs[0].uid, "d");
-  EXPECT_EQ(inventory.inputs[0].channelCount, 2);
+  EXPECT_EQ(inventory.inputs[0], (AudioDeviceInfo{"d", "Speakers", 2, true, std::nullopt}));
+  EXPECT_EQ(inventory.outputs[2], (AudioDeviceInfo{"d", "Speakers", 2, false, std::nullopt}));
+  EXPECT_TRUE(inventory.outputs[0].isDefault);
 }
 
 TEST_F(RegistryTest, DefaultThatIsZeroOrUnreadableMarksNoDevice) {
@@ -263,11 +265,7 @@ TEST_F(RegistryTest, SummariesSortByUnicodeScalarValueAndStably) {
     ids.push_back(id);
   }
   hardware_.setDeviceList(ids);
-  std::vector<std::string> order;
-  for (const auto& summary : CoreAudioDeviceRegistry::brisolaDeviceSummaries(hardware_)) {
-    order.push_back(summary.name);
-  }
-  EXPECT_THAT(order,
+  EXPECT_THAT(summaryNames(hardware_),
               ElementsAre("capital", "first z", "second z", "e acute", "replacement", "linear b"));
 }
 
@@ -304,16 +302,12 @@ TEST_F(RegistryTest, EqualKeysKeepTheirListOrderHoweverLongTheList) {
       expectedProcesses.push_back(1000 + 200 + (i * 7) % count);
     }
   }
-  std::vector<std::string> summaryNames;
-  for (const auto& summary : CoreAudioDeviceRegistry::brisolaDeviceSummaries(hardware_)) {
-    summaryNames.push_back(summary.name);
-  }
   std::vector<AudioObjectID> candidateProcesses;
   for (const auto& candidate : CoreAudioDeviceRegistry::applicationSourceCandidates(hardware_)) {
     candidateProcesses.push_back(static_cast<AudioObjectID>(candidate.processObjectID.value_or(0)));
   }
   EXPECT_EQ(names(CoreAudioDeviceRegistry::deviceInventory(hardware_).outputs), expectedNames);
-  EXPECT_EQ(summaryNames, expectedNames);
+  EXPECT_EQ(summaryNames(hardware_), expectedNames);
   EXPECT_EQ(candidateProcesses, expectedProcesses);
 }
 
@@ -418,7 +412,8 @@ TEST_F(CandidateTest, OnlyOrdinaryApplicationsWithABundleIDPassTheFilters) {
   }
 }
 
-TEST_F(CandidateTest, CandidateCarriesItsIdentityAndFallsBackToTheBundleIDForItsName) {
+TEST_F(CandidateTest, CandidatesCarryTheirIdentityAndSortInFileBrowserOrderWithoutMerging) {
+  // Without a usable name the bundle ID stands in.
   auto candidates = candidatesOf({
       {4242, "com.example.sketchpad", regular("Sketchpad")},
       {77, "com.example.unnamed", regular(std::nullopt)},
@@ -429,17 +424,13 @@ TEST_F(CandidateTest, CandidateCarriesItsIdentityAndFallsBackToTheBundleIDForIts
       ElementsAre(ApplicationSourceCandidate{"com.example.blank", "com.example.blank", 78, 102},
                   ApplicationSourceCandidate{"com.example.unnamed", "com.example.unnamed", 77, 101},
                   ApplicationSourceCandidate{"Sketchpad", "com.example.sketchpad", 4242, 100}));
-}
-
-TEST_F(CandidateTest, CandidatesSortInFileBrowserOrderWithoutMerging) {
-  auto candidates = candidatesOf({
+  candidates = candidatesOf({
       {10, "com.example.zeta", regular("zeta")},
       {11, "com.example.alpha10", regular("Alpha 10")},
       {12, "com.example.alpha2", regular("Alpha 2")},
       {13, "com.example.alpha2", regular("alpha 2")},
   });
   EXPECT_THAT(displayNames(candidates), ElementsAre("Alpha 2", "alpha 2", "Alpha 10", "zeta"));
-  EXPECT_EQ(candidates[0].pid, 12);
   EXPECT_EQ(candidates[1].pid, 13);
 }
 

@@ -182,9 +182,7 @@ TEST(AddVirtualDeviceSource, BuildsTheSourceAndStraightWiresFromTheFactoryInOrde
         Editor::addVirtualDeviceSource("recv", "inner", document, std::ref(factory));
 
     EXPECT_EQ(factory.calls, 1 + row.expectedWires);
-    SourceConfig expectedSource = nesting("recv", {"inner"}).sources.back();
-    expectedSource.id = "n1";
-    expectedSource.name = "Inner Name";
+    SourceConfig expectedSource = testing::nestedSource("n1", "inner", "Inner Name");
     expectedSource.channelCount = row.nestedChannels;
     EXPECT_EQ(source, expectedSource);
     ConfigSnapshot expected = before;
@@ -197,7 +195,7 @@ TEST(AddVirtualDeviceSource, BuildsTheSourceAndStraightWiresFromTheFactoryInOrde
   }
 }
 
-TEST(AddVirtualDeviceSource, FailuresNeverCallTheFactoryAndChangeNothing) {
+TEST(AddVirtualDeviceSource, FailuresChangeNothingAndRejectionsNeverCallTheFactory) {
   ConfigSnapshot document;
   document.devices = {nesting("a", {"b"}), nesting("b", {}), nesting("c", {})};
   struct Row {
@@ -224,18 +222,14 @@ TEST(AddVirtualDeviceSource, FailuresNeverCallTheFactoryAndChangeNothing) {
   }
   testing::CountingIdFactory factory;
   EXPECT_EQ(Editor::addVirtualDeviceSource("c", "a", document, std::ref(factory)).id, "id-1");
-}
 
-TEST(AddVirtualDeviceSource, AFactoryThatThrowsMidwayLeavesTheDocumentAlone) {
-  ConfigSnapshot document;
-  document.devices = {testing::stereoDevice("a", "A"), testing::stereoDevice("b", "B")};
+  // A factory that throws midway leaves the document alone.
   const ConfigSnapshot before = document;
-  int calls = 0;
-  auto failOnThird = [&]() -> std::string {
+  auto failOnThird = [calls = 0]() mutable -> std::string {
     if (++calls == 3) throw std::runtime_error("out of ids");
     return "id" + std::to_string(calls);
   };
-  EXPECT_THROW(Editor::addVirtualDeviceSource("a", "b", document, failOnThird), std::runtime_error);
+  EXPECT_THROW(Editor::addVirtualDeviceSource("a", "c", document, failOnThird), std::runtime_error);
   EXPECT_EQ(document, before);
 }
 
