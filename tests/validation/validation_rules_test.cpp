@@ -102,7 +102,7 @@ ConfigSnapshot brokenStudio() {
   loop.metadata.sourceDeviceID = "zzz";
   third.sources = {loop};
 
-  DeviceConfig fourth{.id = "", .name = "Fourth", .sampleRate = 48000, .channelCount = 2};
+  DeviceConfig fourth{.id = "", .name = "", .sampleRate = 48000, .channelCount = 2};
 
   ConfigSnapshot snapshot = documentWith({first, second, third, fourth});
   snapshot.schemaVersion = 3;
@@ -142,6 +142,7 @@ TEST(ValidationRules, BrokenDocumentReportsEveryIssueInOrder) {
     device.emptyID | Device ID must not be empty. | devices[2].id
     device.emptyUID | Device UID must not be empty. | devices[2].uid
     device.emptyID | Device ID must not be empty. | devices[3].id
+    device.emptyName | Device name must not be empty. | devices[3].name
   )"));
   EXPECT_EQ(result.warnings, testing::issues(R"(
     device.unsupportedSampleRate | The engine runs at 48 kHz; this sample rate is ignored. | devices[0].sampleRate
