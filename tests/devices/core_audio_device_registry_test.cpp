@@ -6,6 +6,7 @@
 #include <array>
 #include <cstring>
 #include <functional>
+#include <nlohmann/json.hpp>
 
 #include "devices/fixed_locale.hpp"
 #include "support/devices_fake_hardware.hpp"
@@ -23,6 +24,14 @@ constexpr auto kOutput = kAudioObjectPropertyScopeOutput;
 std::vector<std::string> names(const std::vector<AudioDeviceInfo>& devices) {
   std::vector<std::string> result;
   for (const auto& device : devices) result.push_back(device.name);
+  return result;
+}
+
+std::vector<std::string> summaryNames(const HardwareLayer& hardware) {
+  std::vector<std::string> result;
+  for (const auto& summary : CoreAudioDeviceRegistry::brisolaDeviceSummaries(hardware)) {
+    result.push_back(summary.name);
+  }
   return result;
 }
 
@@ -101,9 +110,7 @@ TEST_F(RegistryTest, ChannelNamesThatOnlyRepeatTheNumberCarryNothing) {
   const std::optional<std::optional<std::string>> nullName{std::in_place, std::nullopt};
   const std::vector<Row> rows{
       {"own numbers, bare and after the word", {{"1"}, {"Channel 2"}}, std::nullopt},
-      {"padded name and an unnamed channel", {{" Left "}, std::nullopt}, {{"Left", ""}}},
       {"blank and null names", {{"  \n\t"}, nullName}, std::nullopt},
-      {"nothing at all", {std::nullopt, std::nullopt}, std::nullopt},
       {"another channel's number is a name", {{"2"}, {"Channel 1"}}, {{"2", "Channel 1"}}},
       {"the word is compared exactly", {{"channel 1"}, {"Channel 2 "}}, {{"channel 1", ""}}},
       {"Unicode white space is trimmed",
@@ -145,62 +152,49 @@ TEST_F(RegistryTest, ChannelCountIsTheSumOverAllBuffersOfTheLayout) {
     const char* label;
     std::optional<std::vector<std::byte>> layout;  // nullopt: the size query fails
     std::int64_t expected;
+    OSStatus dataStatus = kAudioHardwareNoError;
   };
   auto claimingThreeBuffers = AudioBufferListLayout::encode(std::vector<std::uint32_t>{4});
   const std::uint32_t three = 3;
   std::memcpy(claimingThreeBuffers.data(), &three, sizeof three);
+  const auto twoOneThree = AudioBufferListLayout::encode(std::vector<std::uint32_t>{2, 1, 3});
   const std::vector<Row> rows{
-      {"three buffers", AudioBufferListLayout::encode(std::vector<std::uint32_t>{2, 1, 3}), 6},
+      {"three buffers", twoOneThree, 6},
       {"no buffers", AudioBufferListLayout::encode({}), 0},
       {"shorter than the buffer count", std::vector<std::byte>(7), 0},
       {"count beyond the data", claimingThreeBuffers, 4},
       {"no layout", std::nullopt, 0},
+      {"read fails after the size", twoOneThree, 0, kAudioHardwareBadPropertySizeError},
   };
+  const AudioObjectPropertyAddress layout{.mSelector = kAudioDevicePropertyStreamConfiguration,
+                                          .mScope = kInput};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);
     FakeHardwareLayer hardware;
     hardware.setDeviceList({30});
-    hardware.device(30).uid("app.brisola.device.x").name("X");
-    if (row.layout) {
-      hardware.setBytes(30,
-                        {.mSelector = kAudioDevicePropertyStreamConfiguration, .mScope = kInput},
-                        *row.layout);
+    hardware.device(30).uid("app.brisola.device.x").name("X").outputs({2});
+    if (row.layout) hardware.setBytes(30, layout, *row.layout);
+    if (row.dataStatus != kAudioHardwareNoError) {
+      hardware.setStatuses(30, layout, kAudioHardwareNoError, row.dataStatus);
     }
     auto summaries = CoreAudioDeviceRegistry::brisolaDeviceSummaries(hardware);
     ASSERT_EQ(summaries.size(), 1u);
     EXPECT_EQ(summaries[0].inputChannelCount, row.expected);
-    EXPECT_EQ(summaries[0].outputChannelCount, 0);
+    EXPECT_EQ(summaries[0].outputChannelCount, 2);
   }
-}
 
-TEST_F(RegistryTest, LayoutIsReadIntoABufferOfExactlyTheReportedSize) {
+  // The data is read into a buffer of exactly the size the size query reported.
   hardware_.setDeviceList({30});
   hardware_.device(30).uid("U").name("X").inputs({1, 1, 1});
   CoreAudioDeviceRegistry::deviceInventory(hardware_);
-
-  const AudioObjectPropertyAddress layout{.mSelector = kAudioDevicePropertyStreamConfiguration,
-                                          .mScope = kInput};
-  std::vector<FakeHardwareLayer::Query::Kind> kinds;
-  std::uint32_t capacity = 0;
+  std::vector<std::pair<FakeHardwareLayer::Query::Kind, std::uint32_t>> queries;
   for (const auto& query : hardware_.log()) {
-    if (query.object != 30 || query.address != layout) continue;
-    kinds.push_back(query.kind);
-    if (query.kind == FakeHardwareLayer::Query::Kind::data) capacity = query.capacity;
+    if (query.object == 30 && query.address == layout)
+      queries.emplace_back(query.kind, query.capacity);
   }
-  EXPECT_THAT(kinds, ElementsAre(FakeHardwareLayer::Query::Kind::size,
-                                 FakeHardwareLayer::Query::Kind::data));
-  EXPECT_EQ(capacity, AudioBufferListLayout::byteSize(3));
-}
-
-TEST_F(RegistryTest, FailedLayoutReadAfterASizeGivesNoChannels) {
-  hardware_.setDeviceList({30});
-  hardware_.device(30).uid("U").name("X").inputs({2}).outputs({2});
-  hardware_.setStatuses(30,
-                        {.mSelector = kAudioDevicePropertyStreamConfiguration, .mScope = kInput},
-                        kAudioHardwareNoError, kAudioHardwareBadPropertySizeError);
-  auto inventory = CoreAudioDeviceRegistry::deviceInventory(hardware_);
-  EXPECT_THAT(inventory.inputs, IsEmpty());
-  EXPECT_THAT(names(inventory.outputs), ElementsAre("X"));
+  EXPECT_THAT(queries, ElementsAre(std::pair(FakeHardwareLayer::Query::Kind::size, 0u),
+                                   std::pair(FakeHardwareLayer::Query::Kind::data,
+                                             AudioBufferListLayout::byteSize(3))));
 }
 
 TEST_F(RegistryTest, InventoryPutsTheDefaultFirstThenFileBrowserOrderStably) {
@@ -219,14 +213,10 @@ TEST_F(RegistryTest, InventoryPutsTheDefaultFirstThenFileBrowserOrderStably) {
   // "Speakers" and "speakers" compare equal and keep their list order.
   EXPECT_THAT(names(inventory.outputs),
               ElementsAre("Zulu Speakers", "Alpha", "Speakers", "speakers"));
-  std::vector<bool> outputDefaults;
-  for (const auto& device : inventory.outputs) outputDefaults.push_back(device.isDefault);
-  EXPECT_THAT(outputDefaults, ElementsAre(true, false, false, false));
   // A device that is the default on one side only is default on that side only.
-  EXPECT_TRUE(inventory.inputs[0].isDefault);
-  EXPECT_FALSE(inventory.outputs[2].isDefault);
-  EXPECT_EQ(inventory.inputs[0].uid, "d");
-  EXPECT_EQ(inventory.inputs[0].channelCount, 2);
+  EXPECT_EQ(inventory.inputs[0], (AudioDeviceInfo{"d", "Speakers", 2, true, std::nullopt}));
+  EXPECT_EQ(inventory.outputs[2], (AudioDeviceInfo{"d", "Speakers", 2, false, std::nullopt}));
+  EXPECT_TRUE(inventory.outputs[0].isDefault);
 }
 
 TEST_F(RegistryTest, DefaultThatIsZeroOrUnreadableMarksNoDevice) {
@@ -275,11 +265,7 @@ TEST_F(RegistryTest, SummariesSortByUnicodeScalarValueAndStably) {
     ids.push_back(id);
   }
   hardware_.setDeviceList(ids);
-  std::vector<std::string> order;
-  for (const auto& summary : CoreAudioDeviceRegistry::brisolaDeviceSummaries(hardware_)) {
-    order.push_back(summary.name);
-  }
-  EXPECT_THAT(order,
+  EXPECT_THAT(summaryNames(hardware_),
               ElementsAre("capital", "first z", "second z", "e acute", "replacement", "linear b"));
 }
 
@@ -307,37 +293,30 @@ TEST_F(RegistryTest, EqualKeysKeepTheirListOrderHoweverLongTheList) {
   hardware_.setProcessList(processes);
 
   // Alpha, then Mid, then Zulu; within a group, list order.
-  std::vector<std::uint32_t> expected;
+  std::vector<std::string> expectedNames;
+  std::vector<AudioObjectID> expectedProcesses;
   for (std::uint32_t group : {1u, 2u, 0u}) {
     for (std::uint32_t i = 0; i < count; ++i) {
-      if (groupOf(i) == group) expected.push_back(i);
+      if (groupOf(i) != group) continue;
+      expectedNames.push_back(groups[group][i % 2]);
+      expectedProcesses.push_back(1000 + 200 + (i * 7) % count);
     }
   }
-  auto outputs = CoreAudioDeviceRegistry::deviceInventory(hardware_).outputs;
-  auto summaries = CoreAudioDeviceRegistry::brisolaDeviceSummaries(hardware_);
-  auto candidates = CoreAudioDeviceRegistry::applicationSourceCandidates(hardware_);
-  ASSERT_EQ(outputs.size(), count);
-  ASSERT_EQ(summaries.size(), count);
-  ASSERT_EQ(candidates.size(), count);
-  for (std::uint32_t k = 0; k < count; ++k) {
-    SCOPED_TRACE(k);
-    const std::uint32_t i = expected[k];
-    const auto device = static_cast<AudioObjectID>(200 + (i * 7) % count);
-    EXPECT_EQ(outputs[k].name, groups[groupOf(i)][i % 2]);
-    EXPECT_EQ(summaries[k].name, groups[groupOf(i)][i % 2]);
-    EXPECT_EQ(candidates[k].processObjectID, 1000u + device);
+  std::vector<AudioObjectID> candidateProcesses;
+  for (const auto& candidate : CoreAudioDeviceRegistry::applicationSourceCandidates(hardware_)) {
+    candidateProcesses.push_back(static_cast<AudioObjectID>(candidate.processObjectID.value_or(0)));
   }
+  EXPECT_EQ(names(CoreAudioDeviceRegistry::deviceInventory(hardware_).outputs), expectedNames);
+  EXPECT_EQ(summaryNames(hardware_), expectedNames);
+  EXPECT_EQ(candidateProcesses, expectedProcesses);
 }
 
 TEST(RegistryUIDTest, ProductUIDsAreThePassThruAndThePrefixedOnes) {
   const std::vector<std::pair<std::string, bool>> rows{
-      {"dev.kestrine.pass-thru", true},   {"app.brisola.device.0B8F4C1E", true},
-      {"app.brisola.device.", true},      {"dev.kestrine.device.legacy", true},
-      {"dev.kestrine.pass-thru2", false}, {"dev.kestrine.pass-thru ", false},
-      {"Dev.Kestrine.Pass-Thru", false},  {"APP.BRISOLA.DEVICE.X", false},
-      {"x.app.brisola.device.X", false},  {"BuiltIn-dev.kestrine.device.", false},
-      {"app.brisola.device", false},      {"", false},
-  };
+      {"dev.kestrine.pass-thru", true},     {"app.brisola.device.", true},
+      {"dev.kestrine.device.legacy", true}, {"dev.kestrine.pass-thru2", false},
+      {"Dev.Kestrine.Pass-Thru", false},    {"APP.BRISOLA.DEVICE.X", false},
+      {"x.app.brisola.device.X", false},    {"app.brisola.device", false}};
   for (const auto& [uid, expected] : rows) {
     SCOPED_TRACE(uid);
     EXPECT_EQ(CoreAudioDeviceRegistry::isBrisolaDeviceUID(uid), expected);
@@ -346,29 +325,23 @@ TEST(RegistryUIDTest, ProductUIDsAreThePassThruAndThePrefixedOnes) {
 
 TEST_F(RegistryTest, PlugInIsLoadedOnlyWhenItsBundleIDTranslatesToAnObject) {
   struct Row {
-    const char* label;
-    std::function<void(FakeHardwareLayer&)> setUp;
-    bool expected;
+    const char* bundleID;
+    AudioObjectID plugIn;
+    bool translationFails, expected;
   };
-  const std::vector<Row> rows{
-      {"translates", [](auto& h) { h.setPlugIn("app.brisola.hal", 7); }, true},
-      {"translates to 0", [](auto& h) { h.setPlugIn("app.brisola.hal", 0); }, false},
-      {"another bundle ID", [](auto& h) { h.setPlugIn("app.brisola.hal2", 7); }, false},
-      {"translation fails",
-       [](auto& h) {
-         h.setPlugIn("app.brisola.hal", 7);
-         h.setStatuses(kAudioObjectSystemObject,
-                       {.mSelector = kAudioHardwarePropertyTranslateBundleIDToPlugIn},
-                       kAudioHardwareNoError, kAudioHardwareUnknownPropertyError,
-                       "app.brisola.hal");
-       },
-       false},
-      {"nothing", [](auto&) {}, false},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
+  for (const Row& row :
+       {Row{"app.brisola.hal", 7, false, true}, Row{"app.brisola.hal", 0, false, false},
+        Row{"app.brisola.hal2", 7, false, false}, Row{"app.brisola.hal", 7, true, false}}) {
+    SCOPED_TRACE(::testing::Message()
+                 << row.bundleID << " " << row.plugIn << " " << row.translationFails);
     FakeHardwareLayer hardware;
-    row.setUp(hardware);
+    EXPECT_FALSE(CoreAudioDeviceRegistry::halPlugInIsLoaded(hardware));
+    hardware.setPlugIn(row.bundleID, row.plugIn);
+    if (row.translationFails) {
+      hardware.setStatuses(kAudioObjectSystemObject,
+                           {.mSelector = kAudioHardwarePropertyTranslateBundleIDToPlugIn},
+                           kAudioHardwareNoError, kAudioHardwareUnknownPropertyError, row.bundleID);
+    }
     EXPECT_EQ(CoreAudioDeviceRegistry::halPlugInIsLoaded(hardware), row.expected);
   }
 }
@@ -413,7 +386,6 @@ TEST_F(CandidateTest, OnlyOrdinaryApplicationsWithABundleIDPassTheFilters) {
   };
   const std::vector<Row> rows{
       {"ordinary application", {4242, "com.example.sketchpad", regular("Sketchpad")}, true},
-      {"helper by name", {4243, "com.example.sketchpad2", regular("Sketchpad Helper")}, false},
       {"helper by name in capitals", {1, "com.example.s", regular("SKETCHPAD HELPER")}, false},
       {"non-ASCII name lower-cased",
        {1, "com.example.u",
@@ -425,20 +397,13 @@ TEST_F(CandidateTest, OnlyOrdinaryApplicationsWithABundleIDPassTheFilters) {
       {"daemonstration", {1, "com.example.tool", regular("Speaker Daemonstration Tool")}, false},
       {"name beginning with PID", {1, "com.example.pid", regular("PID Tuner")}, false},
       {"appex bundle", {1, "com.example.Widget.APPEX", regular("Widget")}, false},
-      {"daemon bundle", {1, "com.example.Sync.Daemon", regular("Sync")}, false},
       {"agent bundle", {1, "com.example.updater.aGeNt", regular("Updater")}, false},
-      {"helper bundle", {1, "com.example.sketchpad.helper", regular("Sketchpad")}, false},
-      {"no bundle ID", {1, std::nullopt, regular("Recorder")}, false},
       {"empty bundle ID", {1, "", regular("Recorder")}, false},
       {"accessory policy",
        {1, "com.example.menu", RunningApplication{"Menu", ApplicationActivationPolicy::accessory}},
        false},
-      {"prohibited policy",
-       {1, "com.example.bg", RunningApplication{"Bg", ApplicationActivationPolicy::prohibited}},
-       false},
       {"no running application", {1, "com.example.gone", std::nullopt}, false},
       {"pid 0", {0, "com.example.zero", regular("Zero")}, false},
-      {"negative pid", {-5, "com.example.neg", regular("Neg")}, false},
       {"pid unreadable", {std::nullopt, "com.example.nopid", regular("NoPid")}, false},
   };
   for (const auto& row : rows) {
@@ -447,7 +412,8 @@ TEST_F(CandidateTest, OnlyOrdinaryApplicationsWithABundleIDPassTheFilters) {
   }
 }
 
-TEST_F(CandidateTest, CandidateCarriesItsIdentityAndFallsBackToTheBundleIDForItsName) {
+TEST_F(CandidateTest, CandidatesCarryTheirIdentityAndSortInFileBrowserOrderWithoutMerging) {
+  // Without a usable name the bundle ID stands in.
   auto candidates = candidatesOf({
       {4242, "com.example.sketchpad", regular("Sketchpad")},
       {77, "com.example.unnamed", regular(std::nullopt)},
@@ -458,17 +424,13 @@ TEST_F(CandidateTest, CandidateCarriesItsIdentityAndFallsBackToTheBundleIDForIts
       ElementsAre(ApplicationSourceCandidate{"com.example.blank", "com.example.blank", 78, 102},
                   ApplicationSourceCandidate{"com.example.unnamed", "com.example.unnamed", 77, 101},
                   ApplicationSourceCandidate{"Sketchpad", "com.example.sketchpad", 4242, 100}));
-}
-
-TEST_F(CandidateTest, CandidatesSortInFileBrowserOrderWithoutMerging) {
-  auto candidates = candidatesOf({
+  candidates = candidatesOf({
       {10, "com.example.zeta", regular("zeta")},
       {11, "com.example.alpha10", regular("Alpha 10")},
       {12, "com.example.alpha2", regular("Alpha 2")},
       {13, "com.example.alpha2", regular("alpha 2")},
   });
   EXPECT_THAT(displayNames(candidates), ElementsAre("Alpha 2", "alpha 2", "Alpha 10", "zeta"));
-  EXPECT_EQ(candidates[0].pid, 12);
   EXPECT_EQ(candidates[1].pid, 13);
 }
 
@@ -489,20 +451,15 @@ TEST(HALDeviceSummaryJSONTest, RoundTripsWithExactlyItsFourKeysAllRequired) {
             "  \"outputChannelCount\": 2,\n  \"uid\": \"app.brisola.device.\xC3\xA9/1\"\n}");
   for (const char* missing : {"uid", "name", "inputChannelCount", "outputChannelCount"}) {
     SCOPED_TRACE(missing);
-    std::string object = R"({"uid":"u","name":"n","inputChannelCount":1,"outputChannelCount":2})";
-    const std::string key = std::string("\"") + missing + "\":";
-    const auto at = object.find(key);
-    object.replace(at, key.size(), "\"ignored\":");
+    auto object = nlohmann::json::parse(text);
+    object.erase(missing);
     try {
-      decodeJSON<HALDeviceSummary>(object);
-      ADD_FAILURE() << "decoded without " << missing;
+      decodeJSON<HALDeviceSummary>(object.dump());
+      ADD_FAILURE() << "decoded";
     } catch (const DecodingError& error) {
-      EXPECT_EQ(error.kind(), DecodingError::Kind::keyNotFound);
       EXPECT_EQ(error.path(), missing);
     }
   }
-  const std::vector<HALDeviceSummary> list{summary, {"u", "n", 1, 1}};
-  EXPECT_EQ(decodeJSON<std::vector<HALDeviceSummary>>(encodeJSON(list)), list);
 }
 
 }  // namespace

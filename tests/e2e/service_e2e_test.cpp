@@ -3,7 +3,6 @@
 
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,14 +15,13 @@
 #include "brisola/model/json_coding.hpp"
 #include "support/documents.hpp"
 #include "support/process_runner.hpp"
-#include "support/temp_dir.hpp"
+#include "support/system_helpers.hpp"
 
 namespace brisola {
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using testing::countOccurrences;
 using ::testing::HasSubstr;
 using testing::readFile;
 using testing::RunningProcess;
@@ -74,18 +72,15 @@ class ServiceProcess : public ::testing::Test {
     fs::create_directories(dir_ / "records");
   }
 
-  // A helper written as a plain shell script without any signal handler: it records its
-  // process id and route variables, then sleeps.
-  void installScriptHelpers() {
+  // Every helper as the same shell script. The default, without any signal handler, records
+  // its process id and route variables, then sleeps.
+  void installHelpers(const std::string& body =
+                          "env | grep '^BRISOLA_\\(MONITOR\\|SOURCE\\|TAP\\)_' | sort > "
+                          "\"$HELPER_RECORDS/$$.tmp\"\n"
+                          "mv \"$HELPER_RECORDS/$$.tmp\" \"$HELPER_RECORDS/$$.env\"\n"
+                          "exec sleep 1000\n") {
     for (const char* name : {"brisola-monitor", "brisola-hardware-source", "brisola-process-tap"}) {
-      fs::path path = dir_ / "helpers" / name;
-      writeFile(path,
-                "#!/bin/sh\n"
-                "env | grep '^BRISOLA_\\(MONITOR\\|SOURCE\\|TAP\\)_' | sort > "
-                "\"$HELPER_RECORDS/$$.tmp\"\n"
-                "mv \"$HELPER_RECORDS/$$.tmp\" \"$HELPER_RECORDS/$$.env\"\n"
-                "exec sleep 1000\n");
-      ::chmod(path.c_str(), 0755);
+      testing::writeExecutable(dir_ / "helpers" / name, "#!/bin/sh\n" + body);
     }
   }
 
@@ -95,11 +90,18 @@ class ServiceProcess : public ::testing::Test {
     fs::rename(dir_ / "config.tmp", dir_ / "config.json");
   }
 
-  std::unique_ptr<RunningProcess> start(std::map<std::string, std::string> extra = {}) {
+  std::map<std::string, std::string> environment(
+      const std::map<std::string, std::string>& extra) const {
     auto environment = environment_;
     for (auto& [name, value] : extra) environment[name] = value;
-    return std::make_unique<RunningProcess>(servicePath(), std::vector<std::string>{}, environment,
-                                            dir_.path(), dir_.path());
+    return environment;
+  }
+  std::unique_ptr<RunningProcess> start(const std::map<std::string, std::string>& extra) {
+    return std::make_unique<RunningProcess>(servicePath(), std::vector<std::string>{},
+                                            environment(extra), dir_.path(), dir_.path());
+  }
+  testing::Completed run(const std::map<std::string, std::string>& extra) {
+    return testing::runToCompletion(servicePath(), {}, environment(extra), dir_.path());
   }
 
   void TearDown() override {
@@ -128,7 +130,7 @@ ConfigSnapshot studioDocument() {
 }
 
 TEST_F(ServiceProcess, DryRunPrintsControlsAndRoutesWithoutTouchingAnything) {
-  installScriptHelpers();
+  installHelpers();
   ConfigSnapshot snapshot = studioDocument();
   DeviceConfig off = testing::stereoDevice("d2", "Off");
   off.enabled = false;
@@ -136,14 +138,7 @@ TEST_F(ServiceProcess, DryRunPrintsControlsAndRoutesWithoutTouchingAnything) {
   snapshot.devices.push_back(off);
   writeDocument(snapshot);
 
-  auto result = testing::runToCompletion(
-      servicePath(), {},
-      [&] {
-        auto environment = environment_;
-        environment["BRISOLA_SERVICE_ONCE"] = "yes";
-        return environment;
-      }(),
-      dir_.path());
+  auto result = run({{"BRISOLA_SERVICE_ONCE", "yes"}});
   EXPECT_EQ(result.status, 0) << result.out << result.err;
   EXPECT_THAT(
       messages(result.out),
@@ -158,22 +153,14 @@ TEST_F(ServiceProcess, DryRunPrintsControlsAndRoutesWithoutTouchingAnything) {
   EXPECT_TRUE(fs::is_empty(dir_ / "records")) << "a helper was started";
 
   writeDocument(ConfigSnapshot::empty());
-  result = testing::runToCompletion(
-      servicePath(), {},
-      [&] {
-        auto environment = environment_;
-        environment["BRISOLA_SERVICE_DRY_RUN"] = "TRUE";
-        return environment;
-      }(),
-      dir_.path());
+  result = run({{"BRISOLA_SERVICE_DRY_RUN", "TRUE"}});
   EXPECT_THAT(messages(result.out),
               ::testing::ElementsAre("Dry run: 0 device(s)", "Dry run route: none"));
 }
 
 TEST_F(ServiceProcess, MissingHelperIsFatalAndNamedAlone) {
-  auto environment = environment_;
-  environment.erase("BRISOLA_HELPER_DIR");
-  auto result = testing::runToCompletion(servicePath(), {}, environment, dir_.path());
+  environment_.erase("BRISOLA_HELPER_DIR");
+  auto result = run({});
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(messages(result.out),
               ::testing::ElementsAre("Fatal error: Could not find executable helper "
@@ -183,7 +170,7 @@ TEST_F(ServiceProcess, MissingHelperIsFatalAndNamedAlone) {
 }
 
 TEST_F(ServiceProcess, BrokenDocumentFailsEveryCycleWhileTheHeartbeatMoves) {
-  installScriptHelpers();
+  installHelpers();
   writeFile(dir_ / "config.json", "{\"schemaVersion\": 2}");
   auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
   ASSERT_TRUE(service->waitForOutput("Reconcile failed: ", 5s, 2)) << service->standardOutput();
@@ -206,7 +193,7 @@ TEST_F(ServiceProcess, BrokenDocumentFailsEveryCycleWhileTheHeartbeatMoves) {
 }
 
 TEST_F(ServiceProcess, StopSignalCutsALongSleepShort) {
-  installScriptHelpers();
+  installHelpers();
   writeDocument(ConfigSnapshot::empty());
   for (int signal : {SIGTERM, SIGINT}) {
     auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "inf"}});
@@ -230,46 +217,42 @@ std::map<pid_t, std::string> recordedHelpers(const fs::path& records) {
   return helpers;
 }
 
+// State letter and parent of a process, from its /proc stat file; nothing once it is gone.
+std::optional<std::pair<char, pid_t>> processState(const fs::path& stat) {
+  std::ifstream in(stat);
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  auto close = text.rfind(')');
+  if (close == std::string::npos) return std::nullopt;
+  std::istringstream fields(text.substr(close + 2));
+  std::pair<char, pid_t> state{};
+  fields >> state.first >> state.second;
+  return state;
+}
+
 bool alive(pid_t pid) {
   // A zombie still answers kill(pid, 0); look at its state instead.
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-  if (text.empty()) return false;
-  auto close = text.rfind(')');
-  return close != std::string::npos && text.size() > close + 2 && text[close + 2] != 'Z';
+  auto state = processState("/proc/" + std::to_string(pid) + "/stat");
+  return state && state->first != 'Z';
 }
 
 // Children of `parent` that have exited but were not reaped.
 int zombieChildren(pid_t parent) {
   int zombies = 0;
   for (const auto& entry : fs::directory_iterator("/proc")) {
-    std::string name = entry.path().filename().string();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::ifstream stat(entry.path() / "stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    auto close = text.rfind(')');
-    if (close == std::string::npos) continue;
-    std::istringstream fields(text.substr(close + 2));
-    char state = 0;
-    pid_t ppid = 0;
-    fields >> state >> ppid;
-    if (ppid == parent && state == 'Z') ++zombies;
+    if (entry.path().filename().string().find_first_not_of("0123456789") != std::string::npos) {
+      continue;
+    }
+    if (processState(entry.path() / "stat") == std::pair('Z', parent)) ++zombies;
   }
   return zombies;
 }
 
-template <class Predicate>
-bool eventually(Predicate predicate, std::chrono::milliseconds timeout = 10s) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!predicate()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(20ms);
-  }
-  return true;
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {
+  return testing::eventually(condition, limit, 20ms);
 }
 
 TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {
-  installScriptHelpers();
+  installHelpers();
   writeDocument(studioDocument());
   auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
   fs::path records = dir_ / "records";
@@ -325,11 +308,7 @@ TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {
 
 TEST_F(ServiceProcess, ABurstOfRestartsLeavesNoDefunctChildren) {
   // Helpers that exit at once: the service restarts them every 2 s and reaps each one.
-  for (const char* name : {"brisola-monitor", "brisola-hardware-source", "brisola-process-tap"}) {
-    fs::path path = dir_ / "helpers" / name;
-    writeFile(path, "#!/bin/sh\nexit 3\n");
-    ::chmod(path.c_str(), 0755);
-  }
+  installHelpers("exit 3\n");
   ConfigSnapshot snapshot = studioDocument();
   for (int i = 0; i < 20; ++i) {
     snapshot.devices[0].monitors.push_back(testing::monitor("extra" + std::to_string(i), ""));

@@ -60,95 +60,66 @@ void expectKeysSortedEverywhere(const nlohmann::ordered_json& value, const std::
 
 TEST(ConfigJSON, AbsentAndNullOptionalKeysTakeTheirDefaultsAndAreWrittenBack) {
   for (bool withNulls : {false, true}) {
+    SCOPED_TRACE(withNulls ? "null" : "absent");
     ConfigSnapshot snapshot = decodeJSON<ConfigSnapshot>(changed([&](Json& d) {
+      // The id sorts after where uid would be; the default must still use it.
+      d["devices"][0]["id"] = "later";
       if (!withNulls) return;
-      for (const char* key : {"volume", "uid", "icon", "channelGains"})
+      for (const char* key : {"volume", "uid", "icon", "channelGains"}) {
         d["devices"][0][key] = nullptr;
+      }
       d["devices"][0]["sources"][0]["muteWhenCapturing"] = nullptr;
       d["ui"]["selectedDeviceID"] = nullptr;
     }));
     const DeviceConfig& device = snapshot.devices.at(0);
     EXPECT_EQ(device.volume, 1.0);
-    EXPECT_EQ(device.uid, "app.brisola.device.d");
+    EXPECT_EQ(device.uid, "app.brisola.device.later");
     EXPECT_EQ(device.icon, "waveform.circle");
     EXPECT_FALSE(device.channelGains.has_value());
     EXPECT_FALSE(device.sources.at(0).muteWhenCapturing);
     EXPECT_FALSE(snapshot.ui.selectedDeviceID.has_value());
 
-    auto written = nlohmann::json::parse(encodeJSON(snapshot));
+    auto written = Json::parse(encodeJSON(snapshot));
     const auto& writtenDevice = written["devices"][0];
     EXPECT_EQ(writtenDevice["volume"], 1.0);
-    EXPECT_EQ(writtenDevice["uid"], "app.brisola.device.d");
+    EXPECT_EQ(writtenDevice["uid"], "app.brisola.device.later");
     EXPECT_EQ(writtenDevice["icon"], "waveform.circle");
     EXPECT_FALSE(writtenDevice.contains("channelGains"));
     EXPECT_EQ(writtenDevice["sources"][0]["muteWhenCapturing"], false);
-    EXPECT_EQ(writtenDevice["sources"][0]["metadata"], nlohmann::json::object());
-    EXPECT_EQ(written["ui"], nlohmann::json({{"appearance", "system"}}));
+    EXPECT_EQ(writtenDevice["sources"][0]["metadata"], Json::object());
+    EXPECT_EQ(written["ui"], Json({{"appearance", "system"}}));
   }
-}
-
-TEST(ConfigJSON, UIDDefaultFollowsTheIDReadInTheSameObject) {
-  // The id comes after where uid would be in key order; the default must still use it.
+  // A stored uid is kept even when it is not the derived form; an empty gain list survives.
   ConfigSnapshot snapshot = decodeJSON<ConfigSnapshot>(changed([](Json& d) {
-    d["devices"][0]["id"] = "later";
-    d["devices"][0]["uid"] = nullptr;
+    d["devices"][0]["uid"] = "other";
+    d["devices"][0]["channelGains"] = Json::array();
   }));
-  EXPECT_EQ(snapshot.devices[0].uid, "app.brisola.device.later");
-  // A stored uid is kept as it is, even when it is not the derived form.
-  snapshot = decodeJSON<ConfigSnapshot>(changed([](Json& d) { d["devices"][0]["uid"] = "other"; }));
   EXPECT_EQ(snapshot.devices[0].uid, "other");
+  EXPECT_EQ(snapshot.devices[0].channelGains, std::vector<double>{});
+  EXPECT_EQ(Json::parse(encodeJSON(snapshot))["devices"][0]["channelGains"], Json::array());
 }
 
-TEST(ConfigJSON, EmptyChannelGainsListSurvivesWhileAbsentStaysAbsent) {
-  ConfigSnapshot snapshot = decodeJSON<ConfigSnapshot>(
-      changed([](Json& d) { d["devices"][0]["channelGains"] = Json::array(); }));
-  ASSERT_TRUE(snapshot.devices[0].channelGains.has_value());
-  EXPECT_TRUE(snapshot.devices[0].channelGains->empty());
-  auto written = nlohmann::json::parse(encodeJSON(snapshot));
-  EXPECT_EQ(written["devices"][0]["channelGains"], nlohmann::json::array());
-}
-
-TEST(ConfigJSON, RichDocumentRoundTripsExactly) {
+TEST(ConfigJSON, RichDocumentRoundTripsSortedPrettyAndWithShortestReals) {
   ConfigSnapshot original = richSnapshot();
+  original.devices[0].volume = 0.1 + 0.2;
+  original.devices[1].sources[0].gain = 5e-324;  // smallest subnormal
   std::string text = encodeJSON(original);
-  ConfigSnapshot decoded = decodeJSON<ConfigSnapshot>(text);
-  EXPECT_EQ(decoded, original);
-  EXPECT_EQ(encodeJSON(decoded), text) << "writing is not deterministic";
-}
-
-TEST(ConfigJSON, RealsRoundTripInTheirShortestForm) {
-  ConfigSnapshot snapshot = richSnapshot();
-  snapshot.devices[0].volume = 0.1 + 0.2;
-  snapshot.devices[0].sampleRate = 48000;
-  snapshot.devices[1].sources[0].gain = 5e-324;  // smallest subnormal
-  std::string text = encodeJSON(snapshot);
-  EXPECT_THAT(text, HasSubstr("0.30000000000000004"));
-  EXPECT_THAT(text, HasSubstr("1e-05"));
-  EXPECT_THAT(text, HasSubstr("1.25"));
-  EXPECT_EQ(decodeJSON<ConfigSnapshot>(text), snapshot);
-}
-
-TEST(ConfigJSON, WriterSortsKeysAtEveryLevelAndNeverEscapesSlashes) {
-  std::string text = encodeJSON(richSnapshot());
-  EXPECT_THAT(text, HasSubstr("custom.uid/with/slashes"));
+  EXPECT_EQ(decodeJSON<ConfigSnapshot>(text), original);
+  EXPECT_EQ(encodeJSON(decodeJSON<ConfigSnapshot>(text)), text) << "writing is not deterministic";
+  for (const char* part :
+       {"0.30000000000000004", "1e-05", "1.25", "\n  \"devices\": [", "custom.uid/with/slashes"}) {
+    EXPECT_THAT(text, HasSubstr(part));
+  }
   EXPECT_EQ(text.find("\\/"), std::string::npos);
-  EXPECT_THAT(text, HasSubstr("\n  \"devices\": ["));  // pretty-printed
   auto ordered = nlohmann::ordered_json::parse(text);
   expectKeysSortedEverywhere(ordered, "document");
-
-  std::vector<std::string> rootKeys, deviceKeys;
-  for (const auto& [key, value] : ordered.items()) rootKeys.push_back(key);
+  std::vector<std::string> deviceKeys;
   for (const auto& [key, value] : ordered["devices"][0].items()) deviceKeys.push_back(key);
-  EXPECT_THAT(rootKeys, ::testing::ElementsAre("devices", "schemaVersion", "ui"));
   EXPECT_THAT(deviceKeys, ::testing::ElementsAre("channelCount", "channelGains", "enabled", "icon",
                                                  "id", "monitors", "name", "sampleRate", "sources",
                                                  "uid", "volume", "wires"));
-}
-
-TEST(ConfigJSON, EmptySnapshotIsWrittenWithItsThreeKeys) {
-  auto written = nlohmann::json::parse(encodeJSON(ConfigSnapshot::empty()));
-  EXPECT_EQ(written, nlohmann::json::parse(
-                         R"({"devices":[],"schemaVersion":2,"ui":{"appearance":"system"}})"));
+  EXPECT_EQ(Json::parse(encodeJSON(ConfigSnapshot::empty())),
+            Json::parse(R"({"devices":[],"schemaVersion":2,"ui":{"appearance":"system"}})"));
 }
 
 TEST(ConfigJSON, ReadingAcceptsWhatTheFormatAllows) {
@@ -162,22 +133,10 @@ TEST(ConfigJSON, ReadingAcceptsWhatTheFormatAllows) {
   EXPECT_EQ(snapshot.devices[0].channelCount, 4);
   EXPECT_EQ(snapshot.ui.appearance, Appearance::dark);
 
-  SourceMetadata metadata =
-      decodeJSON<ConfigSnapshot>(changed([](Json& d) {
-        d["devices"][0]["sources"][0]["metadata"] = {{"unknown", nullptr}, {"pid", nullptr}};
-      }))
-          .devices[0]
-          .sources[0]
-          .metadata;
-  EXPECT_EQ(metadata, SourceMetadata{});
-  auto limits = decodeJSON<ConfigSnapshot>(
-      R"({"schemaVersion":2,"ui":{"appearance":"light"},"devices":[{"id":"d","name":"D",
-          "enabled":true,"sampleRate":48000,"channelCount":2,"monitors":[],"wires":[],
-          "sources":[{"id":"s","type":"application","name":"A","enabled":true,"muted":false,
-          "gain":1,"channelCount":2,"metadata":{"pid":-2147483648,
-          "processObjectID":18446744073709551615}}]}]})");
-  EXPECT_EQ(limits.devices[0].sources[0].metadata.pid, -2147483647 - 1);
-  EXPECT_EQ(limits.devices[0].sources[0].metadata.processObjectID, 18446744073709551615ULL);
+  auto nulls = decodeJSON<ConfigSnapshot>(changed([](Json& d) {
+    d["devices"][0]["sources"][0]["metadata"] = {{"unknown", nullptr}, {"pid", nullptr}};
+  }));
+  EXPECT_EQ(nulls.devices[0].sources[0].metadata, SourceMetadata{});
 }
 
 struct FailureCase {
@@ -195,13 +154,9 @@ TEST(ConfigJSON, ReadFailuresNameTheKeyPathAndTheProblem) {
       {"missing channelCount in the second source",
        changed([&](Json& d) { source(d, 1).erase("channelCount"); }), Kind::keyNotFound,
        "devices[0].sources[1].channelCount"},
-      {"monitor without gain", changed([&](Json& d) { device(d)["monitors"][0].erase("gain"); }),
-       Kind::keyNotFound, "devices[0].monitors[0].gain"},
       {"enumeration in the wrong case",
        changed([&](Json& d) { source(d, 0)["type"] = "PassThru"; }), Kind::unknownCase,
        "devices[0].sources[0].type"},
-      {"unknown appearance", changed([](Json& d) { d["ui"]["appearance"] = "auto"; }),
-       Kind::unknownCase, "ui.appearance"},
       {"fractional integer", changed([&](Json& d) { device(d)["channelCount"] = 2.5; }),
        Kind::typeMismatch, "devices[0].channelCount"},
       {"pid beyond 32 bits",
@@ -210,15 +165,10 @@ TEST(ConfigJSON, ReadFailuresNameTheKeyPathAndTheProblem) {
       {"negative process object",
        changed([&](Json& d) { source(d, 1)["metadata"]["processObjectID"] = -1; }),
        Kind::valueOutOfRange, "devices[0].sources[1].metadata.processObjectID"},
-      {"fractional process object",
-       changed([&](Json& d) { source(d, 0)["metadata"]["processObjectID"] = 1.5; }),
-       Kind::typeMismatch, "devices[0].sources[0].metadata.processObjectID"},
       {"string for a number", changed([&](Json& d) { device(d)["volume"] = "1.0"; }),
        Kind::typeMismatch, "devices[0].volume"},
       {"null for a required key", changed([&](Json& d) { source(d, 0)["gain"] = nullptr; }),
        Kind::typeMismatch, "devices[0].sources[0].gain"},
-      {"number for a flag", changed([&](Json& d) { device(d)["enabled"] = 1; }), Kind::typeMismatch,
-       "devices[0].enabled"},
       {"object for a list", changed([](Json& d) { d["devices"] = Json::object(); }),
        Kind::typeMismatch, "devices"},
       {"wire endpoint kind", changed([&](Json& d) {
@@ -226,10 +176,8 @@ TEST(ConfigJSON, ReadFailuresNameTheKeyPathAndTheProblem) {
              "channel":1},"to":{"kind":"output","ownerID":"d","channel":1}}])");
        }),
        Kind::unknownCase, "devices[0].wires[0].to.kind"},
-      {"empty object", "{}", Kind::keyNotFound, "schemaVersion"},
       {"array at the top", "[]", Kind::typeMismatch, ""},
       {"not JSON", "schemaVersion: 2", Kind::dataCorrupted, ""},
-      {"truncated", baseDocument().dump().substr(0, 120), Kind::dataCorrupted, ""},
       {"number beyond a double", R"({"schemaVersion":2,"devices":[],"ui":{"appearance":1e400}})",
        Kind::dataCorrupted, ""},
       {"invalid UTF-8", "{\"schemaVersion\":2,\"devices\":[],\"ui\":{\"appearance\":\"\xff\"}}",

@@ -5,13 +5,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <regex>
 #include <set>
 
 #include "brisola/platform/file_manager.hpp"
 #include "brisola/platform/uuid.hpp"
-#include "support/temp_dir.hpp"
+#include "support/system_helpers.hpp"
 
 namespace brisola {
 namespace {
@@ -21,41 +20,10 @@ using testing::readFile;
 using testing::TempDir;
 using testing::writeFile;
 
-std::set<std::string> openDescriptors() {
-  std::set<std::string> result;
-  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-    result.insert(entry.path().filename().string());
-  }
-  return result;
-}
-
-class ScopedEnvironment {
- public:
-  ScopedEnvironment(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    if (value != nullptr) {
-      ::setenv(name, value, 1);
-    } else {
-      ::unsetenv(name);
-    }
-  }
-  ~ScopedEnvironment() {
-    if (old_) {
-      ::setenv(name_, old_->c_str(), 1);
-    } else {
-      ::unsetenv(name_);
-    }
-  }
-
- private:
-  const char* name_;
-  std::optional<std::string> old_;
-};
-
 TEST(PosixFileManager, WritingFlushesWholeFilesAndDescriptorsAreCloseOnExec) {
   TempDir dir;
   auto manager = FileManager::defaultManager();
-  auto before = openDescriptors();
+  int before = testing::openDescriptorCount();
 
   auto file = manager->createWritableFile(dir / "a.txt");
   bool sawCloseOnExec = false;
@@ -78,7 +46,7 @@ TEST(PosixFileManager, WritingFlushesWholeFilesAndDescriptorsAreCloseOnExec) {
   EXPECT_THROW(manager->contents(dir / "missing"), fs::filesystem_error);
   EXPECT_THROW(manager->contents(dir.path()), fs::filesystem_error);
   manager->contentsOfDirectory(dir.path());
-  EXPECT_EQ(openDescriptors(), before) << "a descriptor leaked";
+  EXPECT_EQ(testing::openDescriptorCount(), before) << "a descriptor leaked";
 }
 
 TEST(PosixFileManager, MoveRefusesAnExistingDestinationWhileReplaceOverwrites) {
@@ -138,26 +106,17 @@ TEST(PosixFileManager, DirectoriesListingsAndAttributes) {
 }
 
 TEST(PosixFileManager, ApplicationSupportFollowsXDGThenHome) {
+  using testing::ScopedEnvironment;
   auto manager = FileManager::defaultManager();
-  {
-    ScopedEnvironment xdg("XDG_DATA_HOME", "/data/home");
-    ScopedEnvironment home("HOME", "/home/someone");
-    EXPECT_THAT(manager->applicationSupportDirectories(),
-                ::testing::ElementsAre(fs::path("/data/home")));
+  ScopedEnvironment home("HOME", "/home/someone");
+  for (auto [xdg, expected] : {std::pair("/data/home", "/data/home"),
+                               std::pair("relative/path", "/home/someone/.local/share")}) {
+    ScopedEnvironment data("XDG_DATA_HOME", xdg);
+    EXPECT_THAT(manager->applicationSupportDirectories(), ::testing::ElementsAre(expected));
   }
-  {
-    ScopedEnvironment xdg("XDG_DATA_HOME", "relative/path");
-    ScopedEnvironment home("HOME", "/home/someone");
-    EXPECT_THAT(manager->applicationSupportDirectories(),
-                ::testing::ElementsAre(fs::path("/home/someone/.local/share")));
-  }
-  {
-    ScopedEnvironment xdg("XDG_DATA_HOME", nullptr);
-    ScopedEnvironment home("HOME", "");
-    fs::path fromPasswd = manager->homeDirectory();
-    EXPECT_FALSE(fromPasswd.empty());
-    EXPECT_TRUE(fromPasswd.is_absolute());
-  }
+  ScopedEnvironment noData("XDG_DATA_HOME", std::nullopt);
+  ScopedEnvironment noHome("HOME", "");
+  EXPECT_TRUE(manager->homeDirectory().is_absolute()) << "taken from the password database";
 }
 
 TEST(UUIDText, IsFreshUpperCaseAndThirtySixCharactersLong) {

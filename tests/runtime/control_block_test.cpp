@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <map>
 #include <thread>
 
 #include "runtime/control_block.hpp"
@@ -31,14 +32,13 @@ namespace store = RuntimeControlStoreV3;
 
 const SharedMemorySystem& posix = SharedMemorySystem::posix();
 
-std::vector<RuntimeDeviceControls> readOrInvalid(const std::string& name, bool& invalid) {
-  invalid = false;
+// The records, or nothing when the reader found no valid state.
+std::optional<std::vector<RuntimeDeviceControls>> readOrInvalid(const std::string& name) {
   try {
     return store::read(name.c_str(), posix);
   } catch (const RuntimeControlStoreError& error) {
     EXPECT_EQ(error, RuntimeControlStoreError::invalidState());
-    invalid = true;
-    return {};
+    return std::nullopt;
   }
 }
 
@@ -63,50 +63,30 @@ TEST(ControlBlock, FreshObjectLayoutByteByByte) {
   ASSERT_EQ(::stat(("/dev/shm" + name).c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0666u) << "readable and writable by everyone despite the umask";
 
+  // Header: magic, version, size, sequence (a new object goes 0 → 1 → 2), count, reserved; then
+  // flags, channel count and route count of each slot, and the first slot's routes.
+  const std::size_t s0 = slot(0), s1 = slot(1);
+  const std::vector<std::pair<std::size_t, std::uint32_t>> words{
+      {0, 0x5354524B}, {4, 4},        {8, 65536},    {12, 2},       {16, 2},       {20, 0},
+      {s0, 1 | 2 | 8}, {s0 + 4, 8},   {s0 + 16, 3},  {s0 + 576, 1}, {s0 + 580, 2}, {s0 + 584, 3},
+      {s0 + 588, 4},   {s0 + 592, 0}, {s0 + 596, 5}, {s1, 1 | 4},   {s1 + 4, 2},   {s1 + 16, 0}};
+  for (auto [offset, value] : words) EXPECT_EQ(object.u32(offset), value) << "offset " << offset;
+  const std::vector<std::pair<std::size_t, float>> reals{
+      {s0 + 8, 0.5f}, {s0 + 12, 1.5f}, {s0 + 320, 0.25f}, {s0 + 324, 1.75f}, {s1 + 8, 2.0f}};
+  for (auto [offset, value] : reals) EXPECT_EQ(object.f32(offset), value) << "offset " << offset;
   EXPECT_EQ(object.text(0, 4), "KRTS");
-  EXPECT_EQ(object.u32(0), 0x5354524Bu);
-  EXPECT_EQ(object.u32(4), 4u);
-  EXPECT_EQ(object.u32(8), 65536u);
-  EXPECT_EQ(object.u32(12), 2u) << "a new object goes 0 → 1 → 2";
-  EXPECT_EQ(object.u32(16), 2u);
-  EXPECT_EQ(object.u32(20), 0u);
-
-  std::size_t s = slot(0);
-  EXPECT_EQ(object.u32(s + 0), 1u | 2u | 8u);
-  EXPECT_EQ(object.u32(s + 4), 8u);
-  EXPECT_EQ(object.f32(s + 8), 0.5f);
-  EXPECT_EQ(object.f32(s + 12), 1.5f);
-  EXPECT_EQ(object.u32(s + 16), 3u);
-  EXPECT_EQ(object.text(s + 32, 128), "app.brisola.device.1" + std::string(108, '\0'));
-  EXPECT_EQ(object.text(s + 160, 128), std::string(127, 'n') + '\0');
-  EXPECT_EQ(object.text(s + 288, 32), "mic.fill" + std::string(24, '\0'));
-  EXPECT_EQ(object.f32(s + 320), 0.25f);
-  EXPECT_EQ(object.f32(s + 324), 1.75f);
-  for (std::size_t k = 2; k < 64; ++k) ASSERT_EQ(object.f32(s + 320 + 4 * k), 1.0f) << k;
-  EXPECT_EQ(object.u32(s + 576), 1u);
-  EXPECT_EQ(object.u32(s + 580), 2u);
-  EXPECT_EQ(object.u32(s + 584), 3u);
-  EXPECT_EQ(object.u32(s + 588), 4u);
-  EXPECT_EQ(object.u32(s + 592), 0u);
-  EXPECT_EQ(object.u32(s + 596), 5u);
-  for (std::size_t j = 3; j < 128; ++j) {
-    ASSERT_EQ(object.u32(s + 576 + 8 * j), 0u) << j;
-    ASSERT_EQ(object.u32(s + 580 + 8 * j), 0u) << j;
-  }
-
-  s = slot(1);
-  EXPECT_EQ(object.u32(s + 0), 1u | 4u);
-  EXPECT_EQ(object.u32(s + 4), 2u);
-  EXPECT_EQ(object.f32(s + 8), 2.0f);
-  EXPECT_EQ(object.f32(s + 12), 0.0f);
-  EXPECT_EQ(object.u32(s + 16), 0u);
+  EXPECT_EQ(object.text(s0 + 32, 128), "app.brisola.device.1" + std::string(108, '\0'));
+  EXPECT_EQ(object.text(s0 + 160, 128), std::string(127, 'n') + '\0');
+  EXPECT_EQ(object.text(s0 + 288, 32), "mic.fill" + std::string(24, '\0'));
+  for (std::size_t k = 2; k < 64; ++k) ASSERT_EQ(object.f32(s0 + 320 + 4 * k), 1.0f) << k;
+  for (std::size_t b = s0 + 600; b < s0 + 1600; b += 4) ASSERT_EQ(object.u32(b), 0u) << b;
   for (std::size_t i = 2; i < 16; ++i) EXPECT_EQ(object.u32(slot(i)), 0u) << i;
 
   store::publish(name.c_str(), {second}, posix);
   EXPECT_EQ(object.u32(12), 4u);
   EXPECT_EQ(object.u32(16), 1u);
-  EXPECT_EQ(object.u32(slot(1)), 0u) << "a slot no longer in use has flags 0";
-  EXPECT_EQ(object.u32(slot(1) + 4), 2u) << "its other bytes stay as they were";
+  EXPECT_EQ(object.u32(s1), 0u) << "a slot no longer in use has flags 0";
+  EXPECT_EQ(object.u32(s1 + 4), 2u) << "its other bytes stay as they were";
 }
 
 TEST(ControlBlock, BytesOutsideTheFieldsAreNeverWritten) {
@@ -142,14 +122,8 @@ TEST(ControlBlock, SequenceContinuesFromWhatIsThereAndWraps) {
 }
 
 TEST(ControlBlock, TextFieldsAreCutWithoutSplittingACharacter) {
-  std::string euro = "\xE2\x82\xAC";     // 3 bytes
   std::string decomposed = "e\xCC\x81";  // e + combining acute: one character, 3 bytes
   std::string family = "\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7";  // 11 bytes, one character
-  auto repeat = [](const std::string& piece, int count) {
-    std::string text;
-    for (int i = 0; i < count; ++i) text += piece;
-    return text;
-  };
   struct Row {
     const char* what;
     std::string text;
@@ -157,15 +131,8 @@ TEST(ControlBlock, TextFieldsAreCutWithoutSplittingACharacter) {
     std::string stored;
   };
   const std::vector<Row> rows{
-      {"empty", "", 32, ""},
-      {"200 ASCII in a name", std::string(200, 'a'), 128, std::string(127, 'a')},
-      {"127 ASCII fit exactly", std::string(127, 'a'), 128, std::string(127, 'a')},
       {"128 ASCII lose one", std::string(128, 'a'), 128, std::string(127, 'a')},
-      {"43 three-byte characters", repeat(euro, 43), 128, repeat(euro, 42)},
-      {"40 ASCII in an icon", std::string(40, 'i'), 32, std::string(31, 'i')},
-      {"decomposed accents", repeat(decomposed, 50), 128, repeat(decomposed, 42)},
       {"accent over the edge", std::string(125, 'a') + decomposed, 128, std::string(125, 'a')},
-      {"bytes that are not UTF-8", std::string(40, '\xFF'), 32, std::string(31, '\xFF')},
       {"stray continuation bytes", std::string(30, 'a') + std::string(5, '\x80'), 32,
        std::string(30, 'a') + std::string(1, '\x80')},
       {"joined emoji over the edge", std::string(21, 'a') + family + "z", 32, std::string(21, 'a')},
@@ -176,7 +143,7 @@ TEST(ControlBlock, TextFieldsAreCutWithoutSplittingACharacter) {
     store::writeString(row.text, buffer.data(), 8, row.capacity);
     std::string field(reinterpret_cast<const char*>(buffer.data()) + 8, row.capacity);
     EXPECT_EQ(field, row.stored + std::string(row.capacity - row.stored.size(), '\0'));
-    for (std::size_t b : {std::size_t{0}, std::size_t{7}, 8 + row.capacity, buffer.size() - 1}) {
+    for (std::size_t b : {std::size_t{7}, 8 + row.capacity}) {
       EXPECT_EQ(buffer[b], std::byte{0xFF}) << "wrote outside the field at " << b;
     }
   }
@@ -190,13 +157,11 @@ TEST(ControlBlock, RoutesThatCannotBeStoredBecomeZeroAndReadersLeaveThemOut) {
   store::publish(name.c_str(), {controls}, posix);
   ShmObject object(name);
   EXPECT_EQ(object.u32(slot(0) + 16), 7u);
-  std::vector<std::pair<std::uint32_t, std::uint32_t>> stored;
-  for (std::size_t j = 0; j < 7; ++j) {
-    stored.emplace_back(object.u32(slot(0) + 576 + 8 * j), object.u32(slot(0) + 580 + 8 * j));
+  std::vector<std::uint32_t> stored;
+  for (std::size_t b = slot(0) + 576; b < slot(0) + 576 + 8 * 7; b += 4) {
+    stored.push_back(object.u32(b));
   }
-  EXPECT_THAT(stored, ElementsAre(std::pair(1u, 2u), std::pair(0u, 1u), std::pair(0u, 2u),
-                                  std::pair(2u, 0u), std::pair(0u, 1u), std::pair(4294967295u, 1u),
-                                  std::pair(3u, 4u)));
+  EXPECT_THAT(stored, ElementsAre(1, 2, 0, 1, 0, 2, 2, 0, 0, 1, 4294967295u, 1, 3, 4));
   EXPECT_THAT(store::read(name.c_str(), posix)[0].routes,
               ElementsAre(R{1, 2}, R{4294967295, 1}, R{3, 4}));
 }
@@ -209,8 +174,8 @@ TEST(ControlBlock, WhatIsWrittenIsReadBack) {
   ShmObject object(name);
   EXPECT_EQ(object.u32(16), 16u);
   EXPECT_EQ(object.u32(slot(4) + 16), 128u);
-  auto back = store::read(name.c_str(), posix);
-  EXPECT_EQ(back, std::vector<RuntimeDeviceControls>(records.begin(), records.begin() + 16));
+  records.resize(16);
+  EXPECT_EQ(store::read(name.c_str(), posix), records);
 
   // Fields set around the constructor are still brought into range on the way out.
   RuntimeDeviceControls raw = sampleControls(1);
@@ -232,39 +197,33 @@ TEST(ControlBlock, WhatIsWrittenIsReadBack) {
 
 TEST(ControlBlock, HostileContentsAreBoundedOrRejected) {
   const RuntimeDeviceControls a = sampleControls(2), b = sampleControls(3);
+  using Records = std::vector<RuntimeDeviceControls>;
   struct Row {
     const char* what;
     std::function<void(ShmObject&)> damage;
-    // Nothing: invalidState.
-    std::optional<std::function<void(std::vector<RuntimeDeviceControls>&)>> expected;
+    std::optional<std::function<void(Records&)>> expected;  // nothing: invalidState
   };
-  auto same = [](std::vector<RuntimeDeviceControls>&) {};
+  auto same = [](Records&) {};
   const std::vector<Row> rows{
       {"odd sequence", [](ShmObject& o) { o.setU32(12, 7); }, std::nullopt},
       {"wrong magic", [](ShmObject& o) { o.bytes()[3] = 'X'; }, std::nullopt},
-      {"version 3", [](ShmObject& o) { o.setU32(4, 3); }, std::nullopt},
       {"size field 4096", [](ShmObject& o) { o.setU32(8, 4096); }, std::nullopt},
       {"huge device count", [](ShmObject& o) { o.setU32(16, 0xFFFFFFFF); }, same},
       {"huge route count", [](ShmObject& o) { o.setU32(slot(0) + 16, 0xFFFFFFFF); }, same},
       {"slot in use bit clear", [](ShmObject& o) { o.setU32(slot(0), 2); },
-       [](std::vector<RuntimeDeviceControls>& r) { r.erase(r.begin()); }},
-      {"channel count far out of range", [](ShmObject& o) { o.setU32(slot(1) + 4, 1001); },
-       [](std::vector<RuntimeDeviceControls>& r) { r[1].channelCount = 64; }},
+       [](Records& r) { r.erase(r.begin()); }},
       {"gains that are not numbers",
        [](ShmObject& o) {
          o.setF32(slot(0) + 8, std::nanf(""));
          o.setF32(slot(0) + 320, -INFINITY);
        },
-       [](std::vector<RuntimeDeviceControls>& r) {
-         r[0].deviceGain = 1.0f;
-         r[0].channelGains[0] = 1.0f;
-       }},
+       [](Records& r) { r[0].deviceGain = r[0].channelGains[0] = 1.0f; }},
       {"text without a terminator",
        [](ShmObject& o) { std::memset(o.bytes() + slot(0) + 32, 'x', 128); },
-       [](std::vector<RuntimeDeviceControls>& r) { r[0].uid = std::string(128, 'x'); }},
+       [](Records& r) { r[0].uid = std::string(128, 'x'); }},
       {"text that is not UTF-8",
        [](ShmObject& o) { std::memcpy(o.bytes() + slot(1) + 160, "a\xFF\xC3z\0", 5); },
-       [](std::vector<RuntimeDeviceControls>& r) { r[1].name = "a\uFFFD\uFFFDz"; }},
+       [](Records& r) { r[1].name = "a\uFFFD\uFFFDz"; }},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
@@ -272,67 +231,49 @@ TEST(ControlBlock, HostileContentsAreBoundedOrRejected) {
     store::publish(name.c_str(), {a, b}, posix);
     ShmObject object(name);
     row.damage(object);
-    bool invalid = false;
-    auto records = readOrInvalid(name, invalid);
-    if (!row.expected) {
-      EXPECT_TRUE(invalid);
-      continue;
-    }
-    std::vector<RuntimeDeviceControls> expected{a, b};
+    auto records = readOrInvalid(name);
+    ASSERT_EQ(records.has_value(), row.expected.has_value());
+    if (!records) continue;
+    Records expected{a, b};
     (*row.expected)(expected);
-    EXPECT_FALSE(invalid);
-    EXPECT_EQ(records, expected);
+    EXPECT_EQ(*records, expected);
   }
 }
 
 TEST(ControlBlock, ObjectsOfTheWrongSize) {
-  {
-    SCOPED_TRACE("too small for the reader");
-    ShmObject small(uniqueShmName("small"), 4096);
-    bool invalid = false;
-    readOrInvalid(small.name(), invalid);
-    EXPECT_TRUE(invalid);
+  ShmObject small(uniqueShmName("small"), 4096);
+  EXPECT_EQ(readOrInvalid(small.name()), std::nullopt) << "too small for the reader";
+
+  ShmObject empty(uniqueShmName("empty"), 0);
+  store::publish(empty.name().c_str(), {sampleControls(1)}, posix);
+  EXPECT_EQ(store::read(empty.name().c_str(), posix), std::vector{sampleControls(1)});
+  EXPECT_EQ(ShmObject(empty.name()).size(), 65536u) << "an empty object is sized by the writer";
+
+  ShmObject large(uniqueShmName("large"), 100000);
+  store::publish(large.name().c_str(), {}, posix);
+  EXPECT_EQ(ShmObject(large.name()).size(), 100000u) << "a larger object keeps its size";
+
+  std::string missing = uniqueShmName("missing");
+  try {
+    store::read(missing.c_str(), posix);
+    ADD_FAILURE() << "read a missing object";
+  } catch (const RuntimeControlStoreError& error) {
+    EXPECT_EQ(error, RuntimeControlStoreError::openFailed(ENOENT));
   }
-  {
-    SCOPED_TRACE("empty object is sized by the writer");
-    ShmObject empty(uniqueShmName("empty"), 0);
-    store::publish(empty.name().c_str(), {sampleControls(1)}, posix);
-    EXPECT_EQ(store::read(empty.name().c_str(), posix), std::vector{sampleControls(1)});
-    EXPECT_EQ(ShmObject(empty.name()).size(), 65536u);
-  }
-  {
-    SCOPED_TRACE("larger object is left at its size");
-    ShmObject large(uniqueShmName("large"), 100000);
-    store::publish(large.name().c_str(), {}, posix);
-    EXPECT_EQ(ShmObject(large.name()).size(), 100000u);
-  }
-  {
-    SCOPED_TRACE("missing object");
-    std::string name = uniqueShmName("missing");
-    try {
-      store::read(name.c_str(), posix);
-      ADD_FAILURE() << "read a missing object";
-    } catch (const RuntimeControlStoreError& error) {
-      EXPECT_EQ(error, RuntimeControlStoreError::openFailed(ENOENT));
-    }
-    EXPECT_FALSE(testing::shmExists(name)) << "the reader never creates the object";
-  }
+  EXPECT_FALSE(testing::shmExists(missing)) << "the reader never creates the object";
 }
 
-// Fails chosen calls; everything else reaches the real system.
+// Fails chosen calls, one errno per call in the order given (0 lets the call through);
+// everything else reaches the real system.
+constexpr int kNegativeSize = -1;  // as a status "error": the call succeeds with size −1
 class FaultySystem : public SharedMemorySystem {
  public:
-  mutable std::vector<int> openErrors;      // consumed one per open; 0 means the real call
-  mutable std::vector<int> truncateErrors;  // consumed one per truncate
-  int statusError = 0;
-  bool negativeSize = false;
-  int mapError = 0;
-  mutable int opens = 0, unlinks = 0, truncates = 0;
+  mutable std::map<std::string, std::vector<int>> errors;
+  mutable int unlinks = 0, truncates = 0;
   mutable std::vector<mode_t> modes;
 
   int open(const char* name, int flags, mode_t mode) const override {
-    ++opens;
-    if (int error = next(openErrors)) return fail(error);
+    if (int error = next("open")) return fail(error);
     return SharedMemorySystem::open(name, flags, mode);
   }
   int unlink(const char* name) const override {
@@ -345,28 +286,27 @@ class FaultySystem : public SharedMemorySystem {
   }
   int truncate(int fd, off_t length) const override {
     ++truncates;
-    if (int error = next(truncateErrors)) return fail(error);
+    if (int error = next("truncate")) return fail(error);
     return SharedMemorySystem::truncate(fd, length);
   }
   int status(int fd, struct stat* info) const override {
-    if (statusError != 0) return fail(statusError);
+    int error = next("status");
+    if (error > 0) return fail(error);
     int result = SharedMemorySystem::status(fd, info);
-    if (negativeSize) info->st_size = -1;
+    if (error == kNegativeSize) info->st_size = -1;
     return result;
   }
   void* map(std::size_t length, int protection, int fd) const override {
-    if (mapError != 0) {
-      errno = mapError;
-      return MAP_FAILED;
-    }
+    if (int error = next("map")) return errno = error, MAP_FAILED;
     return SharedMemorySystem::map(length, protection, fd);
   }
 
  private:
-  static int next(std::vector<int>& errors) {
-    if (errors.empty()) return 0;
-    int error = errors.front();
-    errors.erase(errors.begin());
+  int next(const std::string& call) const {
+    auto& queue = errors[call];
+    if (queue.empty()) return 0;
+    int error = queue.front();
+    queue.erase(queue.begin());
     return error;
   }
   static int fail(int error) {
@@ -376,50 +316,50 @@ class FaultySystem : public SharedMemorySystem {
 };
 
 TEST(ControlBlock, EverySystemCallFailureIsReportedAndClosesWhatWasOpened) {
+  using E = RuntimeControlStoreError;
   struct Row {
     const char* what;
-    std::size_t existingSize;  // 0: no object before the publish
-    std::function<void(FaultySystem&)> arrange;
-    std::optional<RuntimeControlStoreError> error;
+    std::size_t existingSize;  // 0: no object before the publish; reads find a published one
+    std::map<std::string, std::vector<int>> errors;
+    std::optional<E> error;
     int unlinks;
+    bool reading = false;
   };
-  using E = RuntimeControlStoreError;
   const std::vector<Row> rows{
-      {"unresizable object is recreated", 4096,
-       [](FaultySystem& s) { s.truncateErrors = {EINVAL}; }, std::nullopt, 1},
-      {"unresizable twice", 4096,
-       [](FaultySystem& s) {
-         s.truncateErrors = {EINVAL, EINVAL};
-       },
-       E::resizeFailed(EINVAL), 1},
-      {"new object cannot be sized", 0, [](FaultySystem& s) { s.truncateErrors = {ENOSPC}; },
-       E::resizeFailed(ENOSPC), 0},
-      {"existing small object cannot be sized", 4096,
-       [](FaultySystem& s) { s.truncateErrors = {EFBIG}; }, E::resizeFailed(EFBIG), 0},
-      {"open refused", 65536, [](FaultySystem& s) { s.openErrors = {EACCES}; },
-       E::openFailed(EACCES), 0},
-      {"creation race lost", 0,
-       [](FaultySystem& s) {
-         s.openErrors = {ENOENT, EEXIST};
-       },
-       E::openFailed(EEXIST), 0},
-      {"status fails", 65536, [](FaultySystem& s) { s.statusError = EIO; }, E::invalidState(), 0},
-      {"negative size", 65536, [](FaultySystem& s) { s.negativeSize = true; }, E::invalidState(),
+      {"unresizable object is recreated", 4096, {{"truncate", {EINVAL}}}, std::nullopt, 1},
+      {"unresizable twice", 4096, {{"truncate", {EINVAL, EINVAL}}}, E::resizeFailed(EINVAL), 1},
+      {"new object cannot be sized", 0, {{"truncate", {ENOSPC}}}, E::resizeFailed(ENOSPC), 0},
+      {"existing small object cannot be sized",
+       4096,
+       {{"truncate", {EFBIG}}},
+       E::resizeFailed(EFBIG),
        0},
-      {"map fails", 65536, [](FaultySystem& s) { s.mapError = ENOMEM; }, E::mapFailed(ENOMEM), 0},
+      {"open refused", 65536, {{"open", {EACCES}}}, E::openFailed(EACCES), 0},
+      {"creation race lost", 0, {{"open", {ENOENT, EEXIST}}}, E::openFailed(EEXIST), 0},
+      {"status fails", 65536, {{"status", {EIO}}}, E::invalidState(), 0},
+      {"negative size", 65536, {{"status", {kNegativeSize}}}, E::invalidState(), 0},
+      {"map fails", 65536, {{"map", {ENOMEM}}}, E::mapFailed(ENOMEM), 0},
+      {"reader: open refused", 0, {{"open", {EACCES}}}, E::openFailed(EACCES), 0, true},
+      {"reader: status fails", 0, {{"status", {EIO}}}, E::invalidState(), 0, true},
+      {"reader: map fails", 0, {{"map", {ENODEV}}}, E::mapFailed(ENODEV), 0, true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     std::string name = uniqueShmName("faults");
     std::optional<ShmObject> existing;
     if (row.existingSize > 0) existing.emplace(name, row.existingSize);
+    if (row.reading) store::publish(name.c_str(), {}, posix);
     FaultySystem system;
-    row.arrange(system);
+    system.errors = row.errors;
     int descriptors = testing::openDescriptorCount();
     try {
-      store::publish(name.c_str(), {sampleControls(1)}, system);
-      EXPECT_FALSE(row.error) << "published";
-      EXPECT_EQ(store::read(name.c_str(), posix), std::vector{sampleControls(1)});
+      if (row.reading) {
+        store::read(name.c_str(), system);
+      } else {
+        store::publish(name.c_str(), {sampleControls(1)}, system);
+        EXPECT_EQ(store::read(name.c_str(), posix), std::vector{sampleControls(1)});
+      }
+      EXPECT_FALSE(row.error) << "succeeded";
     } catch (const RuntimeControlStoreError& error) {
       ASSERT_TRUE(row.error) << error.what();
       EXPECT_EQ(error, *row.error);
@@ -428,39 +368,13 @@ TEST(ControlBlock, EverySystemCallFailureIsReportedAndClosesWhatWasOpened) {
     EXPECT_EQ(system.unlinks, row.unlinks);
     ::shm_unlink(name.c_str());
   }
-}
 
-TEST(ControlBlock, WriterResetsTheModeOfAnExistingObject) {
+  // An existing object of the right size gets its mode reset and is not resized.
   ShmObject object(uniqueShmName("mode"), 65536);
   FaultySystem system;
   store::publish(object.name().c_str(), {}, system);
   EXPECT_THAT(system.modes, ElementsAre(mode_t{0666}));
-  EXPECT_EQ(system.truncates, 0) << "an object of the right size is not resized";
-}
-
-TEST(ControlBlock, ReaderFailuresAreReportedAndCloseWhatWasOpened) {
-  std::string name = uniqueShmName("readfaults");
-  store::publish(name.c_str(), {}, posix);
-  using E = RuntimeControlStoreError;
-  const std::vector<std::pair<std::function<void(FaultySystem&)>, E>> rows{
-      {[](FaultySystem& s) { s.openErrors = {EACCES}; }, E::openFailed(EACCES)},
-      {[](FaultySystem& s) { s.statusError = EIO; }, E::invalidState()},
-      {[](FaultySystem& s) { s.mapError = ENODEV; }, E::mapFailed(ENODEV)},
-  };
-  for (const auto& [arrange, expected] : rows) {
-    SCOPED_TRACE(expected.what());
-    FaultySystem system;
-    arrange(system);
-    int descriptors = testing::openDescriptorCount();
-    try {
-      store::read(name.c_str(), system);
-      ADD_FAILURE() << "read";
-    } catch (const RuntimeControlStoreError& error) {
-      EXPECT_EQ(error, expected);
-    }
-    EXPECT_EQ(testing::openDescriptorCount(), descriptors);
-  }
-  ::shm_unlink(name.c_str());
+  EXPECT_EQ(system.truncates, 0);
 }
 
 TEST(ControlBlock, ErrorDescriptions) {
@@ -475,33 +389,36 @@ TEST(ControlBlock, ErrorDescriptions) {
   EXPECT_NE(E::openFailed(13), E::mapFailed(13));
 }
 
+// Two full states that differ in every slot, for the tearing tests.
+std::pair<std::vector<RuntimeDeviceControls>, std::vector<RuntimeDeviceControls>> twoStates(
+    std::size_t routesA, std::size_t routesB) {
+  std::vector<RuntimeDeviceControls> a, b;
+  for (int i = 0; i < 16; ++i) a.push_back(sampleControls(i, routesA));
+  for (int i = 0; i < 9; ++i) b.push_back(sampleControls(200 + i, routesB));
+  return {a, b};
+}
+
 // A writer thread and a reader thread on one mapping: under ThreadSanitizer this shows the
 // protocol is free of data races; everywhere it shows that no torn copy is accepted.
 TEST(ControlBlock, ConcurrentWriterAndReaderThreadsNeverTear) {
   void* address = ::mmap(nullptr, 65536, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(address, MAP_FAILED);
   MappedRegion region(address, 65536);
-  std::vector<RuntimeDeviceControls> stateA, stateB;
-  for (int i = 0; i < 16; ++i) stateA.push_back(sampleControls(i, 8));
-  for (int i = 0; i < 9; ++i) stateB.push_back(sampleControls(100 + i, 20));
+  const auto [stateA, stateB] = twoStates(8, 20);
   store::writeBlock(region.data(), stateA);
 
   std::atomic<bool> stop{false};
-  std::atomic<long> writes{0};
   std::thread writer([&] {
-    while (!stop.load(std::memory_order_relaxed)) {
-      store::writeBlock(region.data(), writes.fetch_add(1) % 2 == 0 ? stateB : stateA);
+    for (long n = 0; !stop.load(std::memory_order_relaxed); ++n) {
+      store::writeBlock(region.data(), n % 2 == 0 ? stateB : stateA);
       std::this_thread::yield();
     }
   });
-  long accepted = 0, rejected = 0;
+  long accepted = 0;
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
   while (std::chrono::steady_clock::now() < deadline) {
     auto records = store::readBlock(region.data());
-    if (!records) {
-      ++rejected;
-      continue;
-    }
+    if (!records) continue;
     ++accepted;
     if (*records != stateA && *records != stateB) {
       ADD_FAILURE() << "torn copy accepted with " << records->size() << " records";
@@ -511,14 +428,6 @@ TEST(ControlBlock, ConcurrentWriterAndReaderThreadsNeverTear) {
   stop = true;
   writer.join();
   EXPECT_GT(accepted, 0);
-  RecordProperty("accepted", static_cast<int>(accepted));
-  RecordProperty("rejected", static_cast<int>(rejected));
-}
-
-double stressSeconds() {
-  const char* text = std::getenv("BRISOLA_STRESS_SECONDS");
-  double seconds = text != nullptr ? std::atof(text) : 0.0;
-  return seconds > 0 ? seconds : 2.0;
 }
 
 // One process publishes two different states in turn as fast as it can; this one reads. A read
@@ -526,38 +435,32 @@ double stressSeconds() {
 TEST(ControlBlock, ReadersInAnotherProcessNeverAcceptATornUpdate) {
   // A private name: a writer elsewhere on the machine must not take part.
   std::string name = uniqueShmName("stress");
-  std::vector<RuntimeDeviceControls> stateA, stateB;
-  for (int i = 0; i < 16; ++i) stateA.push_back(sampleControls(i, 40));
-  for (int i = 0; i < 9; ++i) stateB.push_back(sampleControls(200 + i, 128));
+  const auto [stateA, stateB] = twoStates(40, 128);
   store::publish(name.c_str(), stateA, posix);
 
-  int stop[2], report[2];
-  ASSERT_EQ(::pipe2(stop, O_CLOEXEC), 0);
-  ASSERT_EQ(::pipe2(report, O_CLOEXEC), 0);
+  // The stop flag and the publish count live in memory both processes share.
+  void* shared = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(shared, MAP_FAILED);
+  MappedRegion region(shared, 4096);
+  std::atomic_ref<long> stop(static_cast<long*>(shared)[0]),
+      published(static_cast<long*>(shared)[1]);
   pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
-    ::close(stop[1]);
-    ::close(report[0]);
-    ::fcntl(stop[0], F_SETFL, O_NONBLOCK);
-    long published = 0;
-    char byte;
-    while (::read(stop[0], &byte, 1) < 0) {
-      try {
-        store::publish(name.c_str(), published % 2 == 0 ? stateB : stateA, posix);
-      } catch (...) {
-        ::_exit(2);
+    try {
+      for (long n = 0; stop.load() == 0; published.store(++n)) {
+        store::publish(name.c_str(), n % 2 == 0 ? stateB : stateA, posix);
       }
-      ++published;
+    } catch (...) {
+      ::_exit(2);
     }
-    ssize_t written = ::write(report[1], &published, sizeof published);
-    ::_exit(written == sizeof published ? 0 : 3);
+    ::_exit(0);
   }
-  ::close(stop[0]);
-  ::close(report[1]);
 
+  const char* seconds = std::getenv("BRISOLA_STRESS_SECONDS");
+  auto deadline = std::chrono::steady_clock::now() +
+                  std::chrono::duration<double>(seconds != nullptr ? std::atof(seconds) : 2.0);
   long reads = 0, rejected = 0, seenA = 0, seenB = 0;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(stressSeconds());
   // At least a thousand reads however slow the machine (or sanitizer); then until the deadline.
   while (reads < 1000 || std::chrono::steady_clock::now() < deadline) {
     ++reads;
@@ -577,25 +480,15 @@ TEST(ControlBlock, ReadersInAnotherProcessNeverAcceptATornUpdate) {
     }
   }
 
-  ASSERT_EQ(::write(stop[1], "x", 1), 1);
-  ::close(stop[1]);
-  long published = 0;
-  EXPECT_EQ(::read(report[0], &published, sizeof published),
-            static_cast<ssize_t>(sizeof published));
-  ::close(report[0]);
+  stop.store(1);
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "publisher status " << status;
-  EXPECT_GT(published, 0);
+  EXPECT_GT(published.load(), 0);
   EXPECT_GT(seenA + seenB, 0);
-  RecordProperty("reads", std::to_string(reads));
-  RecordProperty("rejected", std::to_string(rejected));
-  RecordProperty("seenA", std::to_string(seenA));
-  RecordProperty("seenB", std::to_string(seenB));
-  RecordProperty("published", std::to_string(published));
   ::shm_unlink(name.c_str());
   std::printf("reads %ld, rejected %ld, state A %ld, state B %ld; %ld publishes\n", reads, rejected,
-              seenA, seenB, published);
+              seenA, seenB, published.load());
 }
 
 }  // namespace

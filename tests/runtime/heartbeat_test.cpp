@@ -25,37 +25,27 @@ class FixedDirectories : public FileManagerWrapper {
   std::vector<fs::path> directories_;
 };
 
-TEST(ServiceHeartbeat, FileLocationIsTheFirstApplicationSupportDirectory) {
+TEST(ServiceHeartbeat, BeatCreatesDirectoryAndEmptyFileThenMovesOnlyTheDate) {
   EXPECT_EQ(BrisolaCore::serviceHeartbeatFileURL(FixedDirectories({"/a/support", "/b"})),
             fs::path("/a/support/Brisola/service-heartbeat"));
   EXPECT_EQ(BrisolaCore::serviceHeartbeatFileURL(FixedDirectories({})), std::nullopt);
-}
 
-TEST(ServiceHeartbeat, BeatCreatesDirectoryAndEmptyFileThenMovesOnlyTheDate) {
   TempDir temp;
   fs::path file = temp / "deep" / "Brisola" / "service-heartbeat";
+  EXPECT_FALSE(ServiceHeartbeat::isFresh(file, beatTime));
+  EXPECT_EQ(ServiceHeartbeat::lastBeat(file), std::nullopt);
   ServiceHeartbeat::beat(file, beatTime);
-  ASSERT_TRUE(fs::is_regular_file(file));
-  EXPECT_EQ(fs::file_size(file), 0u);
+  EXPECT_EQ(testing::readFile(file), "");
   EXPECT_EQ(ServiceHeartbeat::lastBeat(file), beatTime);
+  // Fresh for ten seconds, and when in the future.
+  EXPECT_TRUE(ServiceHeartbeat::isFresh(file, beatTime + 10s));
+  EXPECT_FALSE(ServiceHeartbeat::isFresh(file, beatTime + 10001ms));
+  EXPECT_TRUE(ServiceHeartbeat::isFresh(file, beatTime - 1h));
 
   testing::writeFile(file, "kept");
   ServiceHeartbeat::beat(file, beatTime + 5s);
   EXPECT_EQ(testing::readFile(file), "kept");
   EXPECT_EQ(ServiceHeartbeat::lastBeat(file), beatTime + 5s);
-}
-
-TEST(ServiceHeartbeat, FreshForTenSecondsAndWhenInTheFuture) {
-  TempDir temp;
-  fs::path file = temp / "service-heartbeat";
-  ServiceHeartbeat::beat(file, beatTime);
-  EXPECT_TRUE(ServiceHeartbeat::isFresh(file, beatTime + 10s));
-  EXPECT_FALSE(ServiceHeartbeat::isFresh(file, beatTime + 10001ms));
-  EXPECT_TRUE(ServiceHeartbeat::isFresh(file, beatTime - 1h));
-
-  fs::path nothing = temp / "nothing";
-  EXPECT_FALSE(ServiceHeartbeat::isFresh(nothing, beatTime));
-  EXPECT_EQ(ServiceHeartbeat::lastBeat(nothing), std::nullopt);
 }
 
 // Every step fails; the beat goes through all of them and never throws.

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <thread>
@@ -45,43 +46,29 @@ struct MeterImage {
   }
 };
 
-std::vector<float> ramp(std::size_t count, float scale) {
-  std::vector<float> values;
-  for (std::size_t k = 0; k < count; ++k) values.push_back(scale * static_cast<float>(k + 1));
-  return values;
-}
-
-std::vector<double> widened(const std::vector<float>& values, std::size_t count) {
-  return std::vector<double>(values.begin(), values.begin() + static_cast<long>(count));
-}
-
-TEST(MeterStore, OwnerIdentifiers) {
+TEST(MeterStore, OwnerIdentifiersAndTheirFNV1aObjectNames) {
   std::string passThru(BrisolaCore::passThruDeviceUID);
   EXPECT_EQ(RuntimeMeterStore::sourceOwnerID(passThru), "kestrine.passThru.source");
   EXPECT_EQ(RuntimeMeterStore::outputOwnerID(passThru), "kestrine.device.output");
   EXPECT_EQ(RuntimeMeterStore::sourceOwnerID("abc"), "brisola.device.abc.source");
   EXPECT_EQ(RuntimeMeterStore::outputOwnerID("abc"), "brisola.device.abc.output");
-}
 
-TEST(MeterStore, OwnerHashIsFNV1aAndTheNameHasSixteenHexDigits) {
-  EXPECT_EQ(RuntimeMeterStore::ownerHash(""), 0xcbf29ce484222325ULL);
+  // Published FNV-1a test vectors; bytes, not characters.
   EXPECT_EQ(RuntimeMeterStore::objectName(""), "/brisolamcbf29ce484222325");
-  // Published FNV-1a test vectors.
   EXPECT_EQ(RuntimeMeterStore::ownerHash("a"), 0xaf63dc4c8601ec8cULL);
   EXPECT_EQ(RuntimeMeterStore::ownerHash("foobar"), 0x85944171f73967e8ULL);
-  // Bytes, not characters: a non-ASCII identifier hashes its UTF-8 bytes.
   EXPECT_NE(RuntimeMeterStore::ownerHash("\xC3\xA9"), RuntimeMeterStore::ownerHash("\xE9"));
-
-  // Some identifier hashes below 2^60 and shows the zero padding.
+  // Some identifier hashes below 2^60 and shows the zero padding of the sixteen hex digits.
   for (int i = 0;; ++i) {
     std::string owner = "owner-" + std::to_string(i);
     std::uint64_t hash = RuntimeMeterStore::ownerHash(owner);
     if (hash >> 60 != 0) continue;
     std::string name = RuntimeMeterStore::objectName(owner);
-    ASSERT_EQ(name.size(), 25u);
+    char expected[32];
+    std::snprintf(expected, sizeof expected, "/brisolam%016llx",
+                  static_cast<unsigned long long>(hash));
+    EXPECT_EQ(name, expected);
     EXPECT_EQ(name.substr(0, 10), "/brisolam0");
-    EXPECT_EQ(std::strtoull(name.c_str() + 9, nullptr, 16), hash);
-    EXPECT_EQ(name.find_first_of("ABCDEF"), std::string::npos);
     break;
   }
 }
@@ -89,37 +76,28 @@ TEST(MeterStore, OwnerHashIsFNV1aAndTheNameHasSixteenHexDigits) {
 TEST(MeterStore, ReadingsOfBothLayoutVersions) {
   struct Row {
     const char* what;
-    MeterImage image;
-    std::size_t objectSize;
-    Reading expected;
+    std::uint32_t version, channelCount;
+    std::size_t objectSize, expectedCount;
   };
-  auto levels = ramp(64, 0.01f), peaks = ramp(64, 0.015f);
-  const std::vector<Row> rows{
-      {"version 1 repeats levels as peaks",
-       {.version = 1, .channelCount = 2, .levels = levels},
-       4096,
-       {widened(levels, 2), widened(levels, 2)}},
-      {"version 2 has its own peaks",
-       {.version = 2, .channelCount = 2, .levels = levels, .peaks = peaks},
-       4096,
-       {widened(levels, 2), widened(peaks, 2)}},
-      {"channel count 100 gives 64 values",
-       {.version = 2, .channelCount = 100, .levels = levels, .peaks = peaks},
-       4096,
-       {widened(levels, 64), widened(peaks, 64)}},
-      {"channel count 0", {.version = 2, .channelCount = 0, .levels = levels}, 4096, {}},
-      {"object larger than needed",
-       {.version = 1, .channelCount = 3, .levels = levels},
-       16384,
-       {widened(levels, 3), widened(levels, 3)}},
-  };
+  const std::vector<Row> rows{{"version 1 repeats levels as peaks", 1, 2, 4096, 2},
+                              {"version 2 has its own peaks", 2, 2, 4096, 2},
+                              {"channel count 100 gives 64 values", 2, 100, 4096, 64},
+                              {"channel count 0", 2, 0, 4096, 0},
+                              {"object larger than needed", 1, 3, 16384, 3}};
+  std::vector<float> levels, peaks;
+  for (float k = 1; k <= 64; ++k) levels.push_back(0.01f * k), peaks.push_back(0.015f * k);
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     std::string owner = uniqueOwner("versions");
     ShmObject object(RuntimeMeterStore::objectName(owner), row.objectSize);
-    row.image.writeTo(object);
-    EXPECT_EQ(RuntimeMeterStore::reading(owner), row.expected);
-    EXPECT_EQ(RuntimeMeterStore::levels(owner), row.expected.levels);
+    MeterImage{
+        .version = row.version, .channelCount = row.channelCount, .levels = levels, .peaks = peaks}
+        .writeTo(object);
+    const auto& expectedPeaks = row.version == 1 ? levels : peaks;
+    Reading expected{{levels.begin(), levels.begin() + row.expectedCount},
+                     {expectedPeaks.begin(), expectedPeaks.begin() + row.expectedCount}};
+    EXPECT_EQ(RuntimeMeterStore::reading(owner), expected);
+    EXPECT_EQ(RuntimeMeterStore::levels(owner), expected.levels);
   }
 }
 
@@ -132,10 +110,8 @@ TEST(MeterStore, HostileOrMissingObjectsGiveNothing) {
   const std::vector<Row> rows{
       {"sequence odd forever", [](MeterImage& m) { m.sequence = 7; }, 4096},
       {"wrong magic", [](MeterImage& m) { m.magic = 0x53545242; }, 4096},
-      {"version 0", [](MeterImage& m) { m.version = 0; }, 4096},
       {"version 3", [](MeterImage& m) { m.version = 3; }, 4096},
       {"size field 8192", [](MeterImage& m) { m.size = 8192; }, 8192},
-      {"truncated object", [](MeterImage&) {}, 4092},
       {"huge channel count in a truncated object",
        [](MeterImage& m) { m.channelCount = 0xFFFFFFFF; }, 512},
       {"missing object", [](MeterImage&) {}, 0},

@@ -3,7 +3,6 @@
 // Shared-memory objects that a test builds and inspects byte by byte, independently of the
 // library's readers and writers.
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "brisola/runtime/runtime_controls.hpp"
+#include "support/system_helpers.hpp"
 
 namespace brisola::testing {
 
@@ -92,16 +92,6 @@ inline bool shmExists(const std::string& name) {
   if (fd < 0) return false;
   ::close(fd);
   return true;
-}
-
-// Descriptors open in this process, to show that failing calls close what they opened.
-inline int openDescriptorCount() {
-  int count = 0;
-  if (DIR* directory = ::opendir("/proc/self/fd")) {
-    while (::readdir(directory) != nullptr) ++count;
-    ::closedir(directory);
-  }
-  return count;
 }
 
 // A record built through the constructor with every field distinct per `seed`, texts that fit

@@ -4,6 +4,7 @@
 #include "service/route_planner.hpp"
 #include "service/service_log.hpp"
 #include "support/documents.hpp"
+#include "support/source_builders.hpp"
 
 namespace brisola {
 namespace {
@@ -11,6 +12,7 @@ namespace {
 using ::testing::ElementsAre;
 using testing::outputEnd;
 using testing::sourceEnd;
+using testing::sourceOf;
 using testing::wire;
 
 const HelperPaths helpers{.monitor = "/h/brisola-monitor",
@@ -33,12 +35,8 @@ std::vector<std::string> keys(const std::vector<DesiredRoute>& routes) {
 }
 
 TEST(RoutePlanner, WorkedExampleGivesExactlyOneHardwareRoute) {
-  DeviceConfig device{.id = "d1",
-                      .name = "Studio",
-                      .enabled = true,
-                      .sampleRate = 48000,
-                      .channelCount = 2,
-                      .uid = "V1"};
+  DeviceConfig device{
+      .id = "d1", .name = "Studio", .enabled = true, .channelCount = 2, .uid = "V1"};
   SourceConfig mic = testing::hardwareSource("s1", "U1");
   mic.name = "Mic";
   device.sources.push_back(mic);
@@ -66,22 +64,13 @@ TEST(RoutePlanner, EveryKindOfRouteCarriesItsVariablesInDocumentOrder) {
   speakers.muted = true;
   speakers.channelGains = std::vector<double>{1.0, 0.5};
   device.monitors.push_back(speakers);
-  device.sources.push_back(SourceConfig{.id = "app",
-                                        .type = SourceType::application,
-                                        .name = "App",
-                                        .enabled = true,
-                                        .gain = 1e-05,
-                                        .channelGains = std::vector<double>{},
-                                        .channelCount = 2,
-                                        .muteWhenCapturing = true,
-                                        .metadata = {.pid = 4242}});
-  device.sources.push_back(SourceConfig{.id = "sys",
-                                        .type = SourceType::system,
-                                        .name = "All",
-                                        .enabled = true,
-                                        .gain = 1.25,
-                                        .channelCount = 2,
-                                        .metadata = {.pid = 7}});
+  SourceConfig app = sourceOf(SourceType::application, "app", "App", {.pid = 4242});
+  app.gain = 1e-05;
+  app.channelGains = std::vector<double>{};
+  app.muteWhenCapturing = true;
+  SourceConfig system = sourceOf(SourceType::system, "sys", "All", {.pid = 7});
+  system.gain = 1.25;
+  device.sources = {testing::passThruSource("d-pt"), app, system};
   SourceConfig mic = testing::hardwareSource("mic", "U1");
   mic.metadata.inputBackend = "coreaudio";
   mic.channelGains = std::vector<double>{0.25};
@@ -128,32 +117,13 @@ TEST(RoutePlanner, SkipsAreSilentUnlessTheUserHasSomethingToFix) {
   MonitorConfig disabledMonitor = testing::monitor("off", "");
   disabledMonitor.enabled = false;
   device.monitors.push_back(disabledMonitor);
-  device.sources.push_back(SourceConfig{.id = "a",
-                                        .type = SourceType::application,
-                                        .name = "NoPid",
-                                        .enabled = true,
-                                        .channelCount = 2});
+  device.sources.push_back(sourceOf(SourceType::application, "a", "NoPid"));
   device.sources.push_back(testing::hardwareSource("h1", ""));
   device.sources.back().name = "EmptyUID";
   device.sources.push_back(testing::hardwareSource("h2", "NotHere"));
-  device.sources.push_back(SourceConfig{.id = "n1",
-                                        .type = SourceType::virtualDevice,
-                                        .name = "Lost",
-                                        .enabled = true,
-                                        .channelCount = 2,
-                                        .metadata = {.sourceDeviceID = "zzz"}});
-  device.sources.push_back(SourceConfig{.id = "n2",
-                                        .type = SourceType::virtualDevice,
-                                        .name = "Sleeping",
-                                        .enabled = true,
-                                        .channelCount = 2,
-                                        .metadata = {.sourceDeviceID = "off"}});
-  device.sources.push_back(SourceConfig{.id = "n3",
-                                        .type = SourceType::virtualDevice,
-                                        .name = "Self",
-                                        .enabled = true,
-                                        .channelCount = 2,
-                                        .metadata = {.sourceDeviceID = "d"}});
+  device.sources.push_back(testing::nestedSource("n1", "zzz", "Lost"));
+  device.sources.push_back(testing::nestedSource("n2", "off", "Sleeping"));
+  device.sources.push_back(testing::nestedSource("n3", "d", "Self"));
   SourceConfig disabledSource = device.sources[1];
   disabledSource.id = "quiet";
   disabledSource.enabled = false;

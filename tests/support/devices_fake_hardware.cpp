@@ -16,33 +16,6 @@ std::vector<std::byte> bytesOf(const std::vector<T>& values) {
 
 }  // namespace
 
-FakeHardwareLayer::DeviceBuilder& FakeHardwareLayer::DeviceBuilder::uid(
-    std::optional<std::string> value) {
-  layer_.setString(id_, {.mSelector = kAudioDevicePropertyDeviceUID}, std::move(value));
-  return *this;
-}
-
-FakeHardwareLayer::DeviceBuilder& FakeHardwareLayer::DeviceBuilder::name(
-    std::optional<std::string> value) {
-  layer_.setString(id_, {.mSelector = kAudioObjectPropertyName}, std::move(value));
-  return *this;
-}
-
-FakeHardwareLayer::DeviceBuilder& FakeHardwareLayer::DeviceBuilder::streams(
-    AudioObjectPropertyScope scope, std::vector<std::uint32_t> channels) {
-  layer_.setBytes(id_, {.mSelector = kAudioDevicePropertyStreamConfiguration, .mScope = scope},
-                  AudioBufferListLayout::encode(channels));
-  return *this;
-}
-
-FakeHardwareLayer::DeviceBuilder& FakeHardwareLayer::DeviceBuilder::channelName(
-    AudioObjectPropertyScope scope, std::uint32_t channel, std::optional<std::string> name) {
-  layer_.setString(
-      id_, {.mSelector = kAudioObjectPropertyElementName, .mScope = scope, .mElement = channel},
-      std::move(name));
-  return *this;
-}
-
 void FakeHardwareLayer::setBytes(AudioObjectID object, AudioObjectPropertyAddress address,
                                  std::vector<std::byte> bytes, std::string qualifier) {
   table_[key(object, address, std::move(qualifier))] = Entry{.value = std::move(bytes)};

@@ -29,10 +29,20 @@ class FakeHardwareLayer : public HardwareLayer {
   class DeviceBuilder {
    public:
     DeviceBuilder(FakeHardwareLayer& layer, AudioObjectID id) : layer_(layer), id_(id) {}
-    DeviceBuilder& uid(std::optional<std::string> value);
-    DeviceBuilder& name(std::optional<std::string> value);
+    DeviceBuilder& uid(std::optional<std::string> value) {
+      layer_.setString(id_, {.mSelector = kAudioDevicePropertyDeviceUID}, std::move(value));
+      return *this;
+    }
+    DeviceBuilder& name(std::optional<std::string> value) {
+      layer_.setString(id_, {.mSelector = kAudioObjectPropertyName}, std::move(value));
+      return *this;
+    }
     // One buffer per entry with that many channels.
-    DeviceBuilder& streams(AudioObjectPropertyScope scope, std::vector<std::uint32_t> channels);
+    DeviceBuilder& streams(AudioObjectPropertyScope scope, std::vector<std::uint32_t> channels) {
+      layer_.setBytes(id_, {.mSelector = kAudioDevicePropertyStreamConfiguration, .mScope = scope},
+                      AudioBufferListLayout::encode(channels));
+      return *this;
+    }
     DeviceBuilder& inputs(std::vector<std::uint32_t> channels) {
       return streams(kAudioObjectPropertyScopeInput, std::move(channels));
     }
@@ -41,7 +51,12 @@ class FakeHardwareLayer : public HardwareLayer {
     }
     // nullopt: the property exists but gives the null string.
     DeviceBuilder& channelName(AudioObjectPropertyScope scope, std::uint32_t channel,
-                               std::optional<std::string> name);
+                               std::optional<std::string> name) {
+      layer_.setString(
+          id_, {.mSelector = kAudioObjectPropertyElementName, .mScope = scope, .mElement = channel},
+          std::move(name));
+      return *this;
+    }
 
    private:
     FakeHardwareLayer& layer_;

@@ -9,6 +9,7 @@
 namespace brisola {
 namespace {
 
+using testing::codes;
 using testing::TempDir;
 using testing::writeFile;
 
@@ -28,14 +29,10 @@ TEST(ValidatedLoad, RefusesErrorsAndAcceptsWarnings) {
   } catch (const ConfigStoreError& error) {
     EXPECT_EQ(error.errorCase(), ConfigStoreError::Case::invalidConfig);
     EXPECT_STREQ(error.what(), "Config contains 2 validation error(s).");
-    const ValidationResult expected{
-        .errors = {{"device.emptyName", "Device name must not be empty.", "devices[0].name"},
-                   {"device.invalidVolume", "Device volume must be finite and between 0.0 and 2.0.",
-                    "devices[0].volume"}},
-        .warnings = {{"device.unsupportedSampleRate",
-                      "The engine runs at 48 kHz; this sample rate is ignored.",
-                      "devices[0].sampleRate"}}};
-    EXPECT_EQ(error.result(), expected);
+    EXPECT_EQ(codes(error.result().errors),
+              (std::vector<std::string>{"device.emptyName", "device.invalidVolume"}));
+    EXPECT_EQ(codes(error.result().warnings),
+              std::vector<std::string>{"device.unsupportedSampleRate"});
   }
 
   ConfigSnapshot warnedOnly = ConfigSnapshot::empty();
