@@ -46,7 +46,7 @@ ConfigStore::ConfigStore(fs::path url, std::shared_ptr<FileManager> fileManager,
     : url_(std::move(url)), fileManager_(std::move(fileManager)), validator_(validator) {}
 
 fs::path ConfigStore::configuredURL(const std::optional<std::string>& configPath,
-                                   const FileManager& fileManager) {
+                                    const FileManager& fileManager) {
   if (configPath && !configPath->empty()) {
     fs::path url(*configPath);
     return url.is_absolute() ? url : fileManager.currentDirectory() / url;
