@@ -4,6 +4,7 @@
 // takes it. Endpoints that name nothing are drawn in red, so a broken document still draws.
 
 #include <map>
+#include <set>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -144,7 +145,7 @@ class GraphWriter {
   // One red node per missing owner, declared where it is first needed.
   std::string missing(const std::string& kind, const std::string& owner) {
     const std::string name = "missing." + kind + "." + owner;
-    if (missingNodes_.emplace(name, true).second) {
+    if (missingNodes_.insert(name).second) {
       out_ << "  " << dotString(name) << " [color=red, fontcolor=red, label="
            << dotString("missing " + kind + "\n'" + owner + "'") << "];\n";
     }
@@ -154,7 +155,7 @@ class GraphWriter {
   const ConfigSnapshot& snapshot_;
   std::ostringstream out_;
   std::map<std::pair<std::string, std::string>, std::vector<std::string>> edges_;
-  std::map<std::string, bool> missingNodes_;
+  std::set<std::string> missingNodes_;
 };
 
 }  // namespace
