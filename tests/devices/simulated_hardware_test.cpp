@@ -160,7 +160,7 @@ TEST_F(SimulatedHardwareTest, BrokenOrMissingHardwareGivesEmptyAnswersAndSaysWhy
   };
   const std::string f = "<file>";
   const std::vector<Row> rows{
-      {"variable unset", std::nullopt, std::nullopt, {"No audio hardware layer", kVariable}},
+      {"variable unset, no PipeWire", std::nullopt, std::nullopt, {"No PipeWire", "<dir>"}},
       {"missing file", f, std::nullopt, {f, "No such file or directory"}},
       {"directory", "<dir>", std::nullopt, {"<dir>", "Is a directory"}},
       {"not JSON", f, "{\"devices\": [", {f, "is malformed", "not valid JSON"}},
@@ -208,6 +208,7 @@ TEST_F(SimulatedHardwareTest, BrokenOrMissingHardwareGivesEmptyAnswersAndSaysWhy
     if (row.contents) writeFile(file, *row.contents);
     ScopedEnvironment simulation(
         kVariable, row.variable ? std::optional(resolve(*row.variable)) : std::nullopt);
+    ScopedEnvironment noServer("PIPEWIRE_RUNTIME_DIR", dir.path().string());
 
     const auto reason = HardwareBackend::current()->status();
     ASSERT_TRUE(reason.has_value());

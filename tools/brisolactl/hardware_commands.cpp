@@ -1,6 +1,5 @@
 // Commands that ask the hardware layer: devices, product-devices, apps.
 
-#include <cstdlib>
 #include <functional>
 #include <iostream>
 
@@ -11,17 +10,12 @@ namespace brisola::ctl {
 
 namespace {
 
-// One view of the hardware for the whole command. Simulated hardware that was asked for but
-// cannot be read fails the command: empty lists would look like a machine without devices.
-// Without any hardware layer the (empty) lists are printed with a note.
+// One view of the hardware for the whole command. Hardware that cannot be read (no PipeWire
+// running, an unreadable simulation file) fails the command: empty lists would look like a
+// machine without devices.
 void withHardware(const std::function<std::string(const HardwareLayer&)>& query) {
   const auto layer = HardwareBackend::current()->snapshot();
-  if (auto reason = layer->unavailableReason()) {
-    const char* simulation =
-        std::getenv(std::string(hardwareSimulationEnvironmentVariable).c_str());
-    if (simulation != nullptr && *simulation != '\0') throw Failure(Exit::unavailable, *reason);
-    std::cerr << "brisolactl: " << *reason << '\n';
-  }
+  if (auto reason = layer->unavailableReason()) throw Failure(Exit::unavailable, *reason);
   print(query(*layer));
 }
 

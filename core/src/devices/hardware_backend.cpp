@@ -77,9 +77,18 @@ std::unique_ptr<HardwareBackend> HardwareBackend::current() {
   const std::string variable(hardwareSimulationEnvironmentVariable);
   const char* file = std::getenv(variable.c_str());
   if (file != nullptr && *file != '\0') return simulated(file);
-  // A binding to the platform's hardware layer goes here on the platform that has one.
-  return unavailable("No audio hardware layer on this platform; set " + variable +
+#ifdef BRISOLA_HAVE_PIPEWIRE
+  return pipeWire();
+#else
+  return unavailable("No audio hardware layer: this build has no PipeWire; set " + variable +
                      " to a simulated hardware file");
+#endif
 }
+
+#ifndef BRISOLA_HAVE_PIPEWIRE
+std::unique_ptr<HardwareBackend> HardwareBackend::pipeWire() {
+  return unavailable("This build has no PipeWire back end");
+}
+#endif
 
 }  // namespace brisola

@@ -200,8 +200,14 @@ class HardwareBackend {
 
   // The back end of this process, chosen afresh from the environment on every call so that
   // the service and the tools agree: BRISOLA_HARDWARE_SIMULATION set and not empty selects the
-  // simulated hardware in that file; otherwise there is no hardware layer on this platform.
+  // simulated hardware in that file; otherwise PipeWire (or, in a build without it, no
+  // hardware layer at all).
   static std::unique_ptr<HardwareBackend> current();
+
+  // The audio server of this user's session. Every back end shares one connection of the
+  // process, kept current by the server's events, so a snapshot costs no round trip; the
+  // first one waits (about a second at most) for the server's initial state.
+  static std::unique_ptr<HardwareBackend> pipeWire();
 
   // Simulated hardware described by a JSON file, read afresh for every snapshot.
   static std::unique_ptr<HardwareBackend> simulated(std::filesystem::path file,

@@ -1,0 +1,328 @@
+#include "support/private_pipewire.hpp"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <limits>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "support/system_helpers.hpp"
+
+namespace brisola::testing {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+fs::path findProgram(const std::string& name) {
+  const char* path = ::getenv("PATH");
+  std::stringstream directories(path != nullptr ? path : "/usr/bin:/bin");
+  for (std::string directory; std::getline(directories, directory, ':');) {
+    fs::path candidate = fs::path(directory) / name;
+    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
+  }
+  throw std::runtime_error(name + " is not installed (scripts/deps.sh installs it)");
+}
+
+}  // namespace
+
+TiedProcess::TiedProcess(const std::vector<std::string>& argv,
+                         const std::map<std::string, std::string>& env, const fs::path& output) {
+  // Everything the child needs is made before fork: only async-signal-safe calls follow it.
+  const fs::path program =
+      argv.at(0).find('/') == std::string::npos ? findProgram(argv.at(0)) : fs::path(argv.at(0));
+  std::vector<std::string> argumentTexts = argv;
+  std::vector<char*> arguments;
+  for (auto& text : argumentTexts) arguments.push_back(text.data());
+  arguments.push_back(nullptr);
+  std::vector<std::string> environmentTexts;
+  for (const auto& [name, value] : env) environmentTexts.push_back(name + "=" + value);
+  std::vector<char*> environment;
+  for (auto& text : environmentTexts) environment.push_back(text.data());
+  environment.push_back(nullptr);
+  const std::string outputPath = output.string();
+  const pid_t parent = ::getpid();
+
+  pid_ = ::fork();
+  if (pid_ < 0) throw std::runtime_error("fork failed");
+  if (pid_ == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) ::_exit(127);
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    const int null = ::open("/dev/null", O_RDONLY);
+    const int out = ::open(outputPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (null < 0 || out < 0) ::_exit(127);
+    ::dup2(null, 0);
+    ::dup2(out, 1);
+    ::dup2(out, 2);
+    ::execve(program.c_str(), arguments.data(), environment.data());
+    ::_exit(127);
+  }
+}
+
+TiedProcess::~TiedProcess() {
+  stop(0ms);
+}
+
+bool TiedProcess::running() {
+  if (reaped_) return false;
+  int status = 0;
+  if (::waitpid(pid_, &status, WNOHANG) == pid_) reaped_ = true;
+  return !reaped_;
+}
+
+void TiedProcess::stop(std::chrono::milliseconds grace) {
+  if (!running()) return;
+  ::kill(pid_, grace.count() > 0 ? SIGTERM : SIGKILL);
+  const auto deadline = std::chrono::steady_clock::now() + grace;
+  while (running() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(5ms);
+  if (running()) ::kill(pid_, SIGKILL);
+  int status = 0;
+  if (!reaped_) ::waitpid(pid_, &status, 0);
+  reaped_ = true;
+}
+
+PrivatePipeWire::PrivatePipeWire() {
+  ::chmod(runtime_.path().c_str(), 0700);
+  for (const char* directory : {"home", "config", "state", "data"}) {
+    fs::create_directories(runtime_ / directory);
+  }
+  auto env = environment();
+  bus_ = std::make_unique<TiedProcess>(
+      std::vector<std::string>{"dbus-daemon", "--session", "--nofork", "--nopidfile",
+                               "--address=unix:path=" + (runtime_ / "bus").string()},
+      env, runtime_ / "dbus.log");
+  if (!eventually([&] { return fs::exists(runtime_ / "bus"); }, 10s)) {
+    throw std::runtime_error("the session bus did not start");
+  }
+  server_ = std::make_unique<TiedProcess>(std::vector<std::string>{"pipewire"}, env,
+                                          runtime_ / "pipewire.log");
+  if (!eventually([&] { return fs::exists(runtime_ / "pipewire-0"); }, 10s)) {
+    throw std::runtime_error("pipewire did not start: " + readFile(runtime_ / "pipewire.log"));
+  }
+  sessionManager_ = std::make_unique<TiedProcess>(std::vector<std::string>{"wireplumber"}, env,
+                                                  runtime_ / "wireplumber.log");
+  const bool ready = eventually(
+      [&] {
+        return tool("pw-cli", {"ls", "Metadata"}).out.find("metadata.name = \"default\"") !=
+               std::string::npos;
+      },
+      20s, 20ms);
+  if (!ready) {
+    throw std::runtime_error("wireplumber did not start: " +
+                             readFile(runtime_ / "wireplumber.log"));
+  }
+}
+
+PrivatePipeWire::~PrivatePipeWire() {
+  // The session manager first, so that it does not react to the server going away.
+  if (sessionManager_) sessionManager_->stop();
+  if (server_) server_->stop();
+  if (bus_) bus_->stop();
+}
+
+std::map<std::string, std::string> PrivatePipeWire::environment() const {
+  std::map<std::string, std::string> env;
+  if (const char* path = ::getenv("PATH")) env["PATH"] = path;
+  env["XDG_RUNTIME_DIR"] = runtime_.path().string();
+  env["PIPEWIRE_RUNTIME_DIR"] = runtime_.path().string();
+  env["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (runtime_ / "bus").string();
+  // The session manager keeps volumes and defaults: never the user's own, never shared.
+  env["HOME"] = (runtime_ / "home").string();
+  env["XDG_CONFIG_HOME"] = (runtime_ / "config").string();
+  env["XDG_STATE_HOME"] = (runtime_ / "state").string();
+  env["XDG_DATA_HOME"] = (runtime_ / "data").string();
+  return env;
+}
+
+void PrivatePipeWire::useInThisProcess() const {
+  ::setenv("PIPEWIRE_RUNTIME_DIR", runtime_.path().c_str(), 1);
+  ::setenv("XDG_RUNTIME_DIR", runtime_.path().c_str(), 1);
+  ::unsetenv("PIPEWIRE_REMOTE");
+}
+
+Completed PrivatePipeWire::tool(const std::string& program,
+                                const std::vector<std::string>& arguments) const {
+  return runToCompletion(findProgram(program), arguments, environment(), runtime_.path(), 10s);
+}
+
+std::unique_ptr<TiedProcess> PrivatePipeWire::start(const std::vector<std::string>& argv) const {
+  static int counter = 0;
+  return std::make_unique<TiedProcess>(argv, environment(),
+                                       runtime_ / ("client-" + std::to_string(counter++) + ".log"));
+}
+
+void PrivatePipeWire::createNode(const NullNode& node) const {
+  std::string positions;
+  for (const auto& position : node.positions)
+    positions += (positions.empty() ? "" : " ") + position;
+  std::string properties = "{ factory.name=support.null-audio-sink node.name=\"" + node.name +
+                           "\" media.class=" + node.mediaClass + " audio.position=[" + positions +
+                           "] object.linger=true";
+  if (!node.description.empty()) properties += " node.description=\"" + node.description + "\"";
+  properties += " }";
+  auto result = tool("pw-cli", {"create-node", "adapter", properties});
+  if (result.status != 0) throw std::runtime_error("pw-cli create-node failed: " + result.err);
+  // The session manager gives a null node its ports; until then it is no device.
+  const bool ready = eventually(
+      [&] { return tool("pw-link", {"-i"}).out.find(node.name + ":") != std::string::npos; }, 10s,
+      20ms);
+  if (!ready) throw std::runtime_error("node " + node.name + " got no ports");
+}
+
+void PrivatePipeWire::removeNode(const std::string& name) const {
+  tool("pw-cli", {"destroy", name});
+  if (!eventually([&] { return nodeID(name) == 0; }, 10s, 20ms)) {
+    throw std::runtime_error("node " + name + " did not go away");
+  }
+}
+
+std::uint32_t PrivatePipeWire::nodeID(const std::string& name) const {
+  const std::string listing = tool("pw-cli", {"ls", "Node"}).out;
+  const auto at = listing.find("node.name = \"" + name + "\"");
+  if (at == std::string::npos) return 0;
+  const auto header = listing.rfind("\tid ", at);
+  if (header == std::string::npos) return 0;
+  return static_cast<std::uint32_t>(std::stoul(listing.substr(header + 4)));
+}
+
+void PrivatePipeWire::setDefault(const std::string& name) const {
+  const auto id = nodeID(name);
+  if (id == 0 || tool("wpctl", {"set-default", std::to_string(id)}).status != 0) {
+    throw std::runtime_error("could not make " + name + " the default");
+  }
+}
+
+void PrivatePipeWire::link(const std::string& from, const std::string& to) const {
+  auto portsOf = [&](const char* flag, const std::string& node) {
+    std::vector<std::string> ports;
+    std::stringstream lines(tool("pw-link", {flag}).out);
+    for (std::string line; std::getline(lines, line);) {
+      if (line.starts_with(node + ":")) ports.push_back(line);
+    }
+    return ports;
+  };
+  const auto outputs = portsOf("-o", from);
+  const auto inputs = portsOf("-i", to);
+  for (const auto& output : outputs) {
+    const auto channel = output.substr(output.rfind('_'));
+    for (const auto& input : inputs) {
+      if (input.ends_with(channel)) tool("pw-link", {output, input});
+    }
+  }
+}
+
+namespace {
+
+template <class T>
+void put(std::ofstream& out, T value) {
+  out.write(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+template <class T>
+T get(const std::string& bytes, std::size_t at) {
+  T value{};
+  if (at + sizeof value > bytes.size()) throw std::runtime_error("WAV file cut short");
+  std::memcpy(&value, bytes.data() + at, sizeof value);
+  return value;
+}
+
+}  // namespace
+
+void writeToneWav(const fs::path& path, int channels, double frequency, double amplitude,
+                  double seconds, int rate) {
+  const auto frames = static_cast<std::uint32_t>(seconds * rate);
+  const std::uint32_t dataSize = frames * static_cast<std::uint32_t>(channels) * 4;
+  std::ofstream out(path, std::ios::binary);
+  out.write("RIFF", 4);
+  put<std::uint32_t>(out, 36 + dataSize);
+  out.write("WAVEfmt ", 8);
+  put<std::uint32_t>(out, 16);
+  put<std::uint16_t>(out, 3);  // IEEE float
+  put<std::uint16_t>(out, static_cast<std::uint16_t>(channels));
+  put<std::uint32_t>(out, static_cast<std::uint32_t>(rate));
+  put<std::uint32_t>(out, static_cast<std::uint32_t>(rate * channels * 4));
+  put<std::uint16_t>(out, static_cast<std::uint16_t>(channels * 4));
+  put<std::uint16_t>(out, 32);
+  out.write("data", 4);
+  put<std::uint32_t>(out, dataSize);
+  for (std::uint32_t frame = 0; frame < frames; ++frame) {
+    const auto sample =
+        static_cast<float>(amplitude * std::sin(2 * M_PI * frequency * frame / rate));
+    for (int channel = 0; channel < channels; ++channel) put<float>(out, sample);
+  }
+}
+
+std::vector<std::vector<float>> readWav(const fs::path& path) {
+  const std::string bytes = readFile(path);
+  if (bytes.size() < 12 || bytes.compare(0, 4, "RIFF") != 0) {
+    throw std::runtime_error(path.string() + " is not a WAV file");
+  }
+  std::uint16_t format = 0, channels = 0, bits = 0;
+  std::size_t at = 12;
+  while (at + 8 <= bytes.size()) {
+    const std::string id = bytes.substr(at, 4);
+    auto size = get<std::uint32_t>(bytes, at + 4);
+    const std::size_t body = at + 8;
+    if (id == "fmt ") {
+      format = get<std::uint16_t>(bytes, body);
+      channels = get<std::uint16_t>(bytes, body + 2);
+      bits = get<std::uint16_t>(bytes, body + 14);
+      // WAVE_FORMAT_EXTENSIBLE names the real format in its sub-format GUID.
+      if (format == 0xFFFE) format = get<std::uint16_t>(bytes, body + 24);
+    } else if (id == "data") {
+      if (channels == 0) break;
+      // A recorder stopped by a signal may leave the size unwritten.
+      if (size == 0 || size == 0xFFFFFFFF || body + size > bytes.size()) {
+        size = static_cast<std::uint32_t>(bytes.size() - body);
+      }
+      std::vector<std::vector<float>> result(channels);
+      const std::size_t width = bits / 8u;
+      const std::size_t frames = size / (width * channels);
+      for (std::size_t frame = 0; frame < frames; ++frame) {
+        for (std::size_t channel = 0; channel < channels; ++channel) {
+          const std::size_t offset = body + (frame * channels + channel) * width;
+          if (format == 3 && bits == 32) {
+            result[channel].push_back(get<float>(bytes, offset));
+          } else if (format == 1 && bits == 16) {
+            result[channel].push_back(static_cast<float>(get<std::int16_t>(bytes, offset)) /
+                                      32768.0f);
+          } else {
+            throw std::runtime_error(path.string() + ": unsupported sample format");
+          }
+        }
+      }
+      return result;
+    }
+    at = body + size + (size & 1u);
+  }
+  throw std::runtime_error(path.string() + " has no audio data");
+}
+
+double rmsDecibels(const std::vector<float>& samples, std::size_t from, std::size_t to) {
+  to = std::min(to, samples.size());
+  if (from >= to) return -std::numeric_limits<double>::infinity();
+  double sum = 0;
+  for (std::size_t i = from; i < to; ++i) sum += double(samples[i]) * samples[i];
+  return 10 * std::log10(sum / static_cast<double>(to - from));
+}
+
+double sineDecibels(double amplitude) {
+  return 20 * std::log10(amplitude / std::sqrt(2.0));
+}
+
+}  // namespace brisola::testing

@@ -1,0 +1,92 @@
+#pragma once
+
+// A PipeWire of the test's own: a session bus, pipewire and wireplumber in a fresh runtime
+// directory, with null sinks standing in for hardware. Every process it starts is ended by its
+// PID when the object goes, and dies with the test process if that is killed first.
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/process_runner.hpp"
+#include "support/temp_dir.hpp"
+
+namespace brisola::testing {
+
+// A child that gets SIGKILL when the thread that started it ends, killed and reaped with the
+// object.
+class TiedProcess {
+ public:
+  TiedProcess(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
+              const std::filesystem::path& output);
+  ~TiedProcess();
+  TiedProcess(const TiedProcess&) = delete;
+  TiedProcess& operator=(const TiedProcess&) = delete;
+  pid_t pid() const { return pid_; }
+  bool running();
+  // SIGTERM, then SIGKILL if it has not ended within `grace`; reaps it.
+  void stop(std::chrono::milliseconds grace = std::chrono::seconds(2));
+
+ private:
+  pid_t pid_ = -1;
+  bool reaped_ = false;
+};
+
+struct NullNode {
+  std::string name;
+  std::string mediaClass = "Audio/Sink";  // or Audio/Source/Virtual for a microphone
+  std::string description;                // empty: none
+  std::vector<std::string> positions{"FL", "FR"};
+};
+
+class PrivatePipeWire {
+ public:
+  // Starts everything and waits until the session manager has published its defaults.
+  PrivatePipeWire();
+  ~PrivatePipeWire();
+  PrivatePipeWire(const PrivatePipeWire&) = delete;
+  PrivatePipeWire& operator=(const PrivatePipeWire&) = delete;
+
+  const std::filesystem::path& runtimeDirectory() const { return runtime_.path(); }
+  // The variables that point a PipeWire client at this server.
+  std::map<std::string, std::string> environment() const;
+  // Points this process's own PipeWire clients at this server.
+  void useInThisProcess() const;
+
+  // Runs a PipeWire tool (pw-cli, pw-link, pw-metadata, wpctl...) against this server.
+  Completed tool(const std::string& program, const std::vector<std::string>& arguments) const;
+  // Starts a long-running client (pw-play, pw-record...) against this server.
+  std::unique_ptr<TiedProcess> start(const std::vector<std::string>& argv) const;
+
+  // Creates a null node that stays until removed; returns once its ports exist.
+  void createNode(const NullNode& node) const;
+  void removeNode(const std::string& name) const;
+  // The global id of the node named `name`, or 0.
+  std::uint32_t nodeID(const std::string& name) const;
+  // Makes the node the configured default sink or source.
+  void setDefault(const std::string& name) const;
+  // Links every output port of `from` to the input port of `to` with the same channel.
+  void link(const std::string& from, const std::string& to) const;
+
+ private:
+  TempDir runtime_;
+  std::unique_ptr<TiedProcess> bus_;
+  std::unique_ptr<TiedProcess> server_;
+  std::unique_ptr<TiedProcess> sessionManager_;
+};
+
+// Audio files for players and recorders: 32-bit float WAV, interleaved.
+void writeToneWav(const std::filesystem::path& path, int channels, double frequency,
+                  double amplitude, double seconds, int rate = 48000);
+// One vector of samples per channel.
+std::vector<std::vector<float>> readWav(const std::filesystem::path& path);
+// RMS of `samples[from, to)`, in dBFS (-inf for silence).
+double rmsDecibels(const std::vector<float>& samples, std::size_t from, std::size_t to);
+// The amplitude in dBFS of a sine whose peak is `amplitude`: RMS = amplitude / sqrt(2).
+double sineDecibels(double amplitude);
+
+}  // namespace brisola::testing
