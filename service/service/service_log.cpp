@@ -1,7 +1,8 @@
 #include "service/service_log.hpp"
 
 #include <cstdio>
-#include <ctime>
+
+#include "brisola/platform/log_line.hpp"
 
 namespace brisola::BrisolaServiceLog {
 
@@ -10,16 +11,7 @@ Capture* activeCapture = nullptr;
 }
 
 std::string format(std::string_view message, std::chrono::system_clock::time_point time) {
-  std::time_t seconds =
-      std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(time));
-  std::tm utc{};
-  ::gmtime_r(&seconds, &utc);
-  char stamp[32];
-  std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  std::string line;
-  line.reserve(message.size() + 24);
-  line.append("[").append(stamp).append("] ").append(message);
-  return line;
+  return logLine(message, time);
 }
 
 void write(std::string_view message) {

@@ -52,6 +52,7 @@ TiedProcess::TiedProcess(const std::vector<std::string>& argv,
   std::vector<char*> environment;
   for (auto& text : environmentTexts) environment.push_back(text.data());
   environment.push_back(nullptr);
+  output_ = output;
   const std::string outputPath = output.string();
   const pid_t parent = ::getpid();
 
@@ -79,10 +80,12 @@ TiedProcess::~TiedProcess() {
 }
 
 bool TiedProcess::running() {
-  if (reaped_) return false;
+  if (status_) return false;
   int status = 0;
-  if (::waitpid(pid_, &status, WNOHANG) == pid_) reaped_ = true;
-  return !reaped_;
+  if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  return !status_;
 }
 
 void TiedProcess::stop(std::chrono::milliseconds grace) {
@@ -90,10 +93,11 @@ void TiedProcess::stop(std::chrono::milliseconds grace) {
   ::kill(pid_, grace.count() > 0 ? SIGTERM : SIGKILL);
   const auto deadline = std::chrono::steady_clock::now() + grace;
   while (running() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(5ms);
-  if (running()) ::kill(pid_, SIGKILL);
+  if (!running()) return;
+  ::kill(pid_, SIGKILL);
   int status = 0;
-  if (!reaped_) ::waitpid(pid_, &status, 0);
-  reaped_ = true;
+  ::waitpid(pid_, &status, 0);
+  status_ = 128 + SIGKILL;
 }
 
 PrivatePipeWire::PrivatePipeWire() {
@@ -207,7 +211,14 @@ void PrivatePipeWire::setDefault(const std::string& name) const {
   }
 }
 
-void PrivatePipeWire::link(const std::string& from, const std::string& to) const {
+void PrivatePipeWire::link(const std::string& output, const std::string& input) const {
+  const auto result = tool("pw-link", {output, input});
+  if (result.status != 0) {
+    throw std::runtime_error("cannot link " + output + " to " + input + ": " + result.err);
+  }
+}
+
+void PrivatePipeWire::linkChannels(const std::string& from, const std::string& to) const {
   auto portsOf = [&](const char* flag, const std::string& node) {
     std::vector<std::string> ports;
     std::stringstream lines(tool("pw-link", {flag}).out);
@@ -221,7 +232,7 @@ void PrivatePipeWire::link(const std::string& from, const std::string& to) const
   for (const auto& output : outputs) {
     const auto channel = output.substr(output.rfind('_'));
     for (const auto& input : inputs) {
-      if (input.ends_with(channel)) tool("pw-link", {output, input});
+      if (input.ends_with(channel)) link(output, input);
     }
   }
 }

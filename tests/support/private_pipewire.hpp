@@ -9,6 +9,7 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,13 +28,17 @@ class TiedProcess {
   TiedProcess(const TiedProcess&) = delete;
   TiedProcess& operator=(const TiedProcess&) = delete;
   pid_t pid() const { return pid_; }
+  const std::filesystem::path& output() const { return output_; }
   bool running();
+  // The exit code (or 128 + signal) once it has ended.
+  std::optional<int> exitStatus() const { return status_; }
   // SIGTERM, then SIGKILL if it has not ended within `grace`; reaps it.
   void stop(std::chrono::milliseconds grace = std::chrono::seconds(2));
 
  private:
   pid_t pid_ = -1;
-  bool reaped_ = false;
+  std::filesystem::path output_;
+  std::optional<int> status_;
 };
 
 struct NullNode {
@@ -69,8 +74,10 @@ class PrivatePipeWire {
   std::uint32_t nodeID(const std::string& name) const;
   // Makes the node the configured default sink or source.
   void setDefault(const std::string& name) const;
-  // Links every output port of `from` to the input port of `to` with the same channel.
-  void link(const std::string& from, const std::string& to) const;
+  // Links two ports ("node:port"), as pw-link does.
+  void link(const std::string& output, const std::string& input) const;
+  // Links every output port of node `from` to the input port of `to` with the same channel.
+  void linkChannels(const std::string& from, const std::string& to) const;
 
  private:
   TempDir runtime_;

@@ -1,7 +1,6 @@
 #include "devices/pipewire_hardware.hpp"
 
 #include <pipewire/pipewire.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <charconv>
@@ -153,17 +152,6 @@ HardwareDescription describeHardware(const PipeWireGraph& graph) {
   return description;
 }
 
-std::string pipeWireSocketPath() {
-  const char* remote = std::getenv("PIPEWIRE_REMOTE");
-  std::string name = remote != nullptr && *remote != '\0' ? remote : "pipewire-0";
-  if (name.starts_with('/')) return name;
-  for (const char* variable : {"PIPEWIRE_RUNTIME_DIR", "XDG_RUNTIME_DIR", "USERPROFILE"}) {
-    const char* directory = std::getenv(variable);
-    if (directory != nullptr && *directory != '\0') return std::string(directory) + "/" + name;
-  }
-  return name;
-}
-
 namespace {
 
 // One connection for the whole process, on a thread loop of its own; the graph it watches is
@@ -240,11 +228,7 @@ class PipeWireConnection {
     socket_ = socket;
     core_ = pw_context_connect(context_, nullptr, 0);
     if (core_ == nullptr) {
-      const int error = errno;
-      struct stat status {};
-      unavailable = ::stat(socket.c_str(), &status) != 0
-                        ? "No PipeWire is running: there is no socket at " + socket
-                        : "Cannot connect to PipeWire at " + socket + ": " + std::strerror(error);
+      unavailable = pipeWireConnectionFailure(errno);
       return false;
     }
     broken_ = false;

@@ -16,7 +16,4 @@ namespace brisola {
 // whose application.id is the plug-in's bundle ID.
 HardwareDescription describeHardware(const PipeWireGraph& graph);
 
-// Where a PipeWire client of this process connects: the remote's socket path.
-std::string pipeWireSocketPath();
-
 }  // namespace brisola

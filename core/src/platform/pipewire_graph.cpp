@@ -2,9 +2,12 @@
 
 #include <pipewire/extensions/metadata.h>
 #include <pipewire/pipewire.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 namespace brisola {
@@ -277,6 +280,26 @@ std::uint64_t PipeWireGraphWatch::generation() const {
 }
 bool PipeWireGraphWatch::isSettled() const {
   return state_->settled;
+}
+
+std::string pipeWireSocketPath() {
+  const char* remote = std::getenv("PIPEWIRE_REMOTE");
+  std::string name = remote != nullptr && *remote != '\0' ? remote : "pipewire-0";
+  if (name.starts_with('/')) return name;
+  for (const char* variable : {"PIPEWIRE_RUNTIME_DIR", "XDG_RUNTIME_DIR", "USERPROFILE"}) {
+    const char* directory = std::getenv(variable);
+    if (directory != nullptr && *directory != '\0') return std::string(directory) + "/" + name;
+  }
+  return name;
+}
+
+std::string pipeWireConnectionFailure(int error) {
+  const std::string socket = pipeWireSocketPath();
+  struct stat status {};
+  if (::stat(socket.c_str(), &status) != 0) {
+    return "No PipeWire is running: there is no socket at " + socket;
+  }
+  return "Cannot connect to PipeWire at " + socket + ": " + std::strerror(error);
 }
 
 }  // namespace brisola

@@ -280,4 +280,26 @@ std::vector<RuntimeDeviceControls> read() {
 
 }  // namespace RuntimeControlStoreV3
 
+bool RuntimeControlWatcher::changed() {
+  const auto& system = SharedMemorySystem::posix();
+  struct stat info {};
+  // A removed object has no links left, and the name may already stand for a new one.
+  if (fd_ && (system.status(fd_.get(), &info) != 0 || info.st_nlink == 0)) fd_.reset();
+  if (!fd_) {
+    fd_.reset(system.open(name_.c_str(), O_RDONLY, 0));
+    if (fd_ && system.status(fd_.get(), &info) != 0) fd_.reset();
+  }
+  std::optional<std::uint64_t> now;
+  std::uint32_t sequence = 0;
+  if (fd_ && ::pread(fd_.get(), &sequence, sizeof sequence,
+                     RuntimeControlStoreV3::layout::sequenceOffset) ==
+                 static_cast<ssize_t>(sizeof sequence)) {
+    now = (static_cast<std::uint64_t>(info.st_ino) << 32) | sequence;
+  }
+  const bool result = !looked_ || now != state_;
+  looked_ = true;
+  state_ = now;
+  return result;
+}
+
 }  // namespace brisola

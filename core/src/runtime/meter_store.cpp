@@ -1,10 +1,13 @@
 #include "brisola/runtime/meter_store.hpp"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <system_error>
 
 #include "brisola/model/config.hpp"
 #include "brisola/platform/unique_fd.hpp"
@@ -100,6 +103,55 @@ std::optional<std::vector<double>> levels(std::string_view ownerID) {
 
 std::string encodeJSON(const RuntimeMeterStore::Reading& reading) {
   return json::dump(json::Json{{"levels", reading.levels}, {"peaks", reading.peaks}});
+}
+
+MeterPublisher::MeterPublisher(std::string_view ownerID, std::size_t channelCount)
+    : name_(RuntimeMeterStore::objectName(ownerID)),
+      channelCount_(std::min(channelCount, RuntimeMeterStore::meterLayout::maximumChannelCount)) {
+  using namespace RuntimeMeterStore::meterLayout;
+  const auto& system = SharedMemorySystem::posix();
+  // A stale object of an earlier run is replaced, never written half-known.
+  system.unlink(name_.c_str());
+  UniqueFd fd(system.open(name_.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644));
+  if (!fd) throw std::system_error(errno, std::generic_category(), "Cannot create " + name_);
+  system.changeMode(fd.get(), 0644);
+  if (const int error = ::posix_fallocate(fd.get(), 0, objectSize); error != 0) {
+    system.unlink(name_.c_str());
+    throw std::system_error(error, std::generic_category(), "Cannot size " + name_);
+  }
+  void* address = system.map(objectSize, PROT_READ | PROT_WRITE, fd.get());
+  if (address == MAP_FAILED) {
+    const int error = errno;
+    system.unlink(name_.c_str());
+    throw std::system_error(error, std::generic_category(), "Cannot map " + name_);
+  }
+  block_ = static_cast<std::byte*>(address);
+  namespace words = shared_words;
+  words::store(block_, sequenceOffset, 1);
+  words::store(block_, magicOffset, magic);
+  words::store(block_, versionOffset, 2);
+  words::store(block_, sizeOffset, objectSize);
+  words::store(block_, channelCountOffset, static_cast<std::uint32_t>(channelCount_));
+  words::store(block_, sequenceOffset, 2);
+}
+
+MeterPublisher::~MeterPublisher() {
+  ::munmap(block_, RuntimeMeterStore::meterLayout::objectSize);
+  SharedMemorySystem::posix().unlink(name_.c_str());
+}
+
+void MeterPublisher::publish(std::span<const float> levels, std::span<const float> peaks) {
+  using namespace RuntimeMeterStore::meterLayout;
+  namespace words = shared_words;
+  const std::uint32_t sequence = words::load(block_, sequenceOffset);
+  words::store(block_, sequenceOffset, sequence + 1);
+  for (std::size_t k = 0; k < channelCount_; ++k) {
+    words::store(block_, levelsOffset + 4 * k,
+                 std::bit_cast<std::uint32_t>(k < levels.size() ? levels[k] : 0.0f));
+    words::store(block_, peaksOffset + 4 * k,
+                 std::bit_cast<std::uint32_t>(k < peaks.size() ? peaks[k] : 0.0f));
+  }
+  words::store(block_, sequenceOffset, sequence + 2);
 }
 
 void MeterTap::update(const Readings& readings, double at) {

@@ -89,6 +89,12 @@ struct PipeWireGraph {
   const PipeWireNode* findDeviceNode(std::string_view deviceUID, std::string_view role) const;
 };
 
+// Where a PipeWire client of this process connects, as the library finds it: PIPEWIRE_REMOTE
+// (default "pipewire-0") in PIPEWIRE_RUNTIME_DIR, else XDG_RUNTIME_DIR.
+std::string pipeWireSocketPath();
+// Why a connection to pipeWireSocketPath() failed with `error` (an errno value), for people.
+std::string pipeWireConnectionFailure(int error);
+
 // Keeps a PipeWireGraph current on `core`. Not thread-safe: construct, use and destroy it
 // on the thread that runs the connection's loop (or with the thread loop locked).
 class PipeWireGraphWatch {

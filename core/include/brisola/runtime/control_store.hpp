@@ -9,11 +9,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "brisola/model/config.hpp"
+#include "brisola/platform/unique_fd.hpp"
 #include "brisola/runtime/runtime_controls.hpp"
 
 namespace brisola {
@@ -65,6 +68,23 @@ std::vector<RuntimeDeviceControls> controls(const ConfigSnapshot& snapshot);
 void publish(const ConfigSnapshot& snapshot);
 
 }  // namespace RuntimeControlStoreV3
+
+// Tells a reader that polls often whether the control block may have changed since it last
+// looked, for two system calls and no mapping: the object appeared, vanished or was made
+// anew, or its sequence word moved. Only then is a full read() worth its cost.
+class RuntimeControlWatcher {
+ public:
+  explicit RuntimeControlWatcher(std::string_view name = RuntimeControlStoreV3::sharedMemoryName)
+      : name_(name) {}
+  // True on the first call and after every change of the kinds above.
+  bool changed();
+
+ private:
+  std::string name_;
+  UniqueFd fd_;
+  std::optional<std::uint64_t> state_;  // what the last look saw; nothing: no object
+  bool looked_ = false;
+};
 
 // The service's publishing step, once per cycle.
 namespace RuntimePublisher {

@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -46,6 +47,27 @@ std::optional<Reading> reading(std::string_view ownerID);
 std::optional<std::vector<double>> levels(std::string_view ownerID);
 
 }  // namespace RuntimeMeterStore
+
+// The producer's side of one meter object (layout version 2): creates the owner's object,
+// publishes levels and peaks under the sequence word, and removes the object when it goes.
+// One writer per owner.
+class MeterPublisher {
+ public:
+  // Throws std::system_error when the object cannot be made (its pages are reserved here, so a
+  // full /dev/shm fails now rather than at a later write).
+  MeterPublisher(std::string_view ownerID, std::size_t channelCount);
+  ~MeterPublisher();
+  MeterPublisher(const MeterPublisher&) = delete;
+  MeterPublisher& operator=(const MeterPublisher&) = delete;
+
+  // Linear amplitudes, one per channel; entries beyond the channel count are ignored.
+  void publish(std::span<const float> levels, std::span<const float> peaks);
+
+ private:
+  std::string name_;
+  std::size_t channelCount_;
+  std::byte* block_ = nullptr;
+};
 
 // {"levels": [...], "peaks": [...]}.
 std::string encodeJSON(const RuntimeMeterStore::Reading& reading);

@@ -1,0 +1,158 @@
+#pragma once
+
+// What every Brisola audio program needs of PipeWire: one connection on a main loop, the graph
+// kept current, timers, objects made in the server that live as long as their owner, links,
+// DSP filters, and an end on SIGTERM or SIGINT.
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "brisola/platform/pipewire_graph.hpp"
+
+struct pw_main_loop;
+struct pw_loop;
+struct pw_context;
+struct pw_core;
+struct pw_proxy;
+struct pw_filter;
+struct spa_source;
+struct spa_io_position;
+
+namespace brisola::audio {
+
+// The log of the audio programs: "[" + UTC time + "Z] " + message on standard output.
+void log(std::string_view message);
+
+class AudioSession;
+
+// An object made in the server (a node or a link); the server removes it when this goes.
+class ServerObject {
+ public:
+  ServerObject(AudioSession& session, const char* factory, const char* type, std::uint32_t version,
+               const PipeWireProperties& properties);
+  ~ServerObject();
+  ServerObject(const ServerObject&) = delete;
+  ServerObject& operator=(const ServerObject&) = delete;
+
+  // The global id, once the server has made the object.
+  std::optional<std::uint32_t> id() const { return id_; }
+  // The server refused the object or removed it (a linked port went away).
+  bool gone() const { return gone_; }
+
+ private:
+  struct Listener;
+  pw_proxy* proxy_ = nullptr;
+  std::unique_ptr<Listener> listener_;
+  std::optional<std::uint32_t> id_;
+  bool gone_ = false;
+};
+
+// Links from output ports to input ports, made and removed to match what is wanted.
+class LinkSet {
+ public:
+  using Pair = std::pair<std::uint32_t, std::uint32_t>;  // output port, input port
+  explicit LinkSet(AudioSession& session) : session_(session) {}
+  void set(const std::set<Pair>& wanted);
+  void clear() { links_.clear(); }
+  std::size_t size() const { return links_.size(); }
+
+ private:
+  AudioSession& session_;
+  std::map<Pair, std::unique_ptr<ServerObject>> links_;
+};
+
+struct PortSpec {
+  std::string name;      // port.name
+  std::string position;  // audio.channel (FL, FR, AUX0...)
+};
+
+// The channel positions of an n-channel stream: FL FR for stereo, AUX0... otherwise.
+std::vector<std::string> channelPositions(std::size_t channels);
+
+// A node of DSP ports whose process function runs on the audio thread once per cycle, with
+// one buffer per port (nullptr for a port that has none this cycle).
+class AudioFilter {
+ public:
+  using Process = std::function<void(std::span<const float* const> in, std::span<float* const> out,
+                                     std::uint32_t frames)>;
+  AudioFilter(AudioSession& session, const PipeWireProperties& properties,
+              const std::vector<PortSpec>& inputs, const std::vector<PortSpec>& outputs,
+              Process process);
+  ~AudioFilter();
+  AudioFilter(const AudioFilter&) = delete;
+  AudioFilter& operator=(const AudioFilter&) = delete;
+
+  // The node's global id once the server knows it.
+  std::optional<std::uint32_t> nodeID() const;
+  // The global id of the port named `name` in the graph, once it is there.
+  std::optional<std::uint32_t> port(const PipeWireGraph& graph, const std::string& name) const;
+
+ private:
+  struct Ports;
+  static void processCycle(void* data, ::spa_io_position* position);
+  pw_filter* filter_ = nullptr;
+  std::unique_ptr<Ports> ports_;
+  Process process_;
+};
+
+class AudioSession {
+ public:
+  // Connects as `name`; throws std::runtime_error naming the socket when no server answers.
+  AudioSession(const std::string& name, const PipeWireProperties& clientProperties = {});
+  ~AudioSession();
+  AudioSession(const AudioSession&) = delete;
+  AudioSession& operator=(const AudioSession&) = delete;
+
+  pw_core* core() const { return core_; }
+  pw_loop* loop() const;
+  const PipeWireGraph& graph() const { return watch_->graph(); }
+
+  // Runs `callback` on the loop once after each burst of changes to the graph.
+  void onGraphChange(std::function<void()> callback);
+  // Runs the loop until the server's initial state is in; false after `limit`.
+  bool waitForGraph(std::chrono::milliseconds limit);
+  // Runs until SIGTERM or SIGINT (then 0), or until the server goes away (then 1).
+  int run();
+  void stop(int status);
+
+  // Calls `callback` on the loop every `period` until the returned handle goes.
+  class Timer {
+   public:
+    Timer(AudioSession& session, std::chrono::nanoseconds period, std::function<void()> callback);
+    ~Timer();
+    Timer(const Timer&) = delete;
+    Timer& operator=(const Timer&) = delete;
+
+   private:
+    static void fire(void* data, std::uint64_t expirations);
+    AudioSession& session_;
+    spa_source* source_ = nullptr;
+    std::function<void()> callback_;
+  };
+
+ private:
+  struct Hooks;
+  static void graphChanged(void* data, std::uint64_t);
+  static void signalled(void* data, int signal);
+
+  pw_main_loop* mainLoop_ = nullptr;
+  pw_context* context_ = nullptr;
+  pw_core* core_ = nullptr;
+  std::unique_ptr<Hooks> hooks_;
+  std::unique_ptr<PipeWireGraphWatch> watch_;
+  spa_source* changeEvent_ = nullptr;
+  std::vector<spa_source*> signalSources_;
+  std::function<void()> onGraphChange_;
+  int status_ = 0;
+  bool running_ = false;
+};
+
+}  // namespace brisola::audio

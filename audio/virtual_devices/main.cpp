@@ -1,0 +1,129 @@
+// brisola-virtual-devices: one PipeWire device per slot of the control block that the service
+// publishes, mixed as the slot's controls say, until SIGTERM or SIGINT.
+
+#include <cerrno>
+#include <map>
+
+#include "brisola/model/config.hpp"
+#include "brisola/runtime/control_store.hpp"
+#include "common/audio_session.hpp"
+#include "virtual_devices/virtual_device.hpp"
+
+namespace brisola::audio {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string describe(const RuntimeDeviceControls& controls) {
+  return "'" + controls.name + "' (" + controls.uid + ", " + std::to_string(controls.channelCount) +
+         " channels)";
+}
+
+// The devices of the last good read of the control block, by UID.
+class DeviceSet {
+ public:
+  explicit DeviceSet(AudioSession& session) : session_(session) {}
+
+  void apply(const std::vector<RuntimeDeviceControls>& records) {
+    std::map<std::string, const RuntimeDeviceControls*> wanted;
+    for (const auto& record : records) wanted.emplace(record.uid, &record);  // first slot wins
+    std::erase_if(devices_, [&](auto& entry) {
+      auto found = wanted.find(entry.first);
+      if (found != wanted.end() && entry.second.device->serves(*found->second)) return false;
+      log((found == wanted.end() ? "Removed device " : "Replacing device ") +
+          describe(entry.second.controls));
+      return true;
+    });
+    for (const auto& [uid, record] : wanted) {
+      if (auto existing = devices_.find(uid); existing != devices_.end()) {
+        existing->second.device->update(*record);
+        existing->second.controls = *record;
+        continue;
+      }
+      try {
+        devices_.emplace(uid, Entry{std::make_unique<VirtualDevice>(session_, *record), *record});
+        log("Added device " + describe(*record));
+      } catch (const std::exception& error) {
+        log("Cannot add device " + describe(*record) + ": " + error.what());
+      }
+    }
+    connect();
+  }
+
+  void connect() {
+    for (auto& [uid, entry] : devices_) entry.device->connect();
+  }
+  void publishMeters() {
+    for (auto& [uid, entry] : devices_) entry.device->publishMeters();
+  }
+  void clear() { devices_.clear(); }
+
+ private:
+  struct Entry {
+    std::unique_ptr<VirtualDevice> device;
+    RuntimeDeviceControls controls;
+  };
+  AudioSession& session_;
+  std::map<std::string, Entry> devices_;
+};
+
+// Reads the control block when it may have changed, and says once when its state changes.
+class ControlReader {
+ public:
+  std::optional<std::vector<RuntimeDeviceControls>> poll() {
+    if (!watcher_.changed()) return std::nullopt;
+    const std::string name(RuntimeControlStoreV3::sharedMemoryName);
+    try {
+      auto records = RuntimeControlStoreV3::read();
+      report("Reading device controls from " + name);
+      return records;
+    } catch (const RuntimeControlStoreError& error) {
+      if (error.errorCase() == RuntimeControlStoreError::Case::openFailed &&
+          error.errorNumber() == ENOENT) {
+        report("No control block " + name + " yet; waiting for the service");
+      } else {
+        report("Cannot use the control block " + name + ": " + error.what());
+      }
+    }
+    return std::vector<RuntimeDeviceControls>{};
+  }
+
+ private:
+  void report(const std::string& state) {
+    if (state != state_) log(state);
+    state_ = state;
+  }
+  RuntimeControlWatcher watcher_;
+  std::string state_;
+};
+
+int run() {
+  // The hardware layer knows the product's plug-in by this client's application.id.
+  AudioSession session("brisola-virtual-devices",
+                       {{"application.id", std::string(BrisolaCore::halBundleID)}});
+  log("Starting Brisola virtual devices");
+  DeviceSet devices(session);
+  ControlReader reader;
+  session.onGraphChange([&] { devices.connect(); });
+  AudioSession::Timer poll(session, 10ms, [&] {
+    if (auto records = reader.poll()) devices.apply(*records);
+  });
+  // Meter readers call a meter that has not changed for 0.3 s absent: 40 updates a second.
+  AudioSession::Timer meters(session, 25ms, [&] { devices.publishMeters(); });
+  const int status = session.run();
+  devices.clear();
+  log("Stopped Brisola virtual devices");
+  return status;
+}
+
+}  // namespace
+}  // namespace brisola::audio
+
+int main() {
+  try {
+    return brisola::audio::run();
+  } catch (const std::exception& error) {
+    brisola::audio::log(std::string("Fatal error: ") + error.what());
+    return 1;
+  }
+}

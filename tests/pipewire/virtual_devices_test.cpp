@@ -1,0 +1,291 @@
+// brisola-virtual-devices on a private PipeWire, fed by the real publisher: what comes out of
+// each device, measured in recorded sound.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "brisola/devices/core_audio_device_registry.hpp"
+#include "brisola/runtime/control_store.hpp"
+#include "brisola/runtime/meter_store.hpp"
+#include "support/audio_probe.hpp"
+#include "support/private_pipewire.hpp"
+#include "support/process_runner.hpp"
+#include "support/system_helpers.hpp"
+
+namespace brisola {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using testing::AudioProbe;
+using testing::sineLevel;
+
+constexpr double silence = -90;
+
+RuntimeDeviceControls device(std::string uid,
+                             std::vector<RuntimeChannelRoute> routes = {{1, 1}, {2, 2}}) {
+  return RuntimeDeviceControls(uid, "Device " + uid, "waveform.circle", 2, true, 1.0f, {}, true,
+                               false, 1.0f, std::move(routes));
+}
+
+// Each measured level within 0.1 dB of a sine of the expected amplitude, or silent for 0.
+void expectLevels(const std::vector<double>& measured, const std::vector<double>& amplitudes) {
+  ASSERT_EQ(measured.size(), amplitudes.size());
+  for (std::size_t c = 0; c < measured.size(); ++c) {
+    SCOPED_TRACE("channel " + std::to_string(c + 1));
+    if (amplitudes[c] == 0) {
+      EXPECT_LT(measured[c], silence);
+    } else {
+      EXPECT_NEAR(measured[c], sineLevel(amplitudes[c]), 0.1);
+    }
+  }
+}
+
+class VirtualDevices : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    server_ = std::make_unique<testing::PrivatePipeWire>();
+    server_->useInThisProcess();
+  }
+  static void TearDownTestSuite() { server_.reset(); }
+
+  void SetUp() override { ::shm_unlink("/brisolaruntime3"); }
+  void TearDown() override {
+    program_.reset();
+    ::shm_unlink("/brisolaruntime3");
+  }
+
+  void startProgram() {
+    program_ = server_->start(
+        {(testing::buildDirectory() / "service" / "brisola-virtual-devices").string()});
+  }
+  std::string programLog() const {
+    return fs::exists(program_->output()) ? testing::readFile(program_->output()) : "";
+  }
+
+  // Publishes and waits until exactly these devices are usable: inputs and outputs.
+  void publish(const std::vector<RuntimeDeviceControls>& devices) {
+    RuntimeControlStoreV3::publish(devices);
+    std::set<std::string> wanted;
+    for (const auto& controls : devices) wanted.insert(controls.uid);
+    const auto backend = HardwareBackend::current();
+    auto uids = [](const std::vector<AudioDeviceInfo>& side) {
+      std::set<std::string> result;
+      for (const auto& info : side) result.insert(info.uid);
+      return result;
+    };
+    ASSERT_TRUE(testing::eventually(
+        [&] {
+          const auto inventory = CoreAudioDeviceRegistry::deviceInventory(*backend->snapshot());
+          return uids(inventory.inputs) == wanted && uids(inventory.outputs) == wanted;
+        },
+        10s, 10ms))
+        << programLog();
+  }
+
+  static inline std::unique_ptr<testing::PrivatePipeWire> server_;
+  std::unique_ptr<testing::TiedProcess> program_;
+  AudioProbe probe_;
+};
+
+TEST_F(VirtualDevices, MixFollowsEveryControlOfItsSlot) {
+  startProgram();
+  publish({device("d1")});
+  auto tone = probe_.play({.target = "d1", .amplitudes = {0.5, 0.25}});
+  auto mix = probe_.record({.target = "d1.mix"});
+  ASSERT_TRUE(mix->waitForMore(4800, 5s));
+
+  struct Row {
+    const char* label;
+    std::function<void(RuntimeDeviceControls&)> change;
+    std::vector<double> amplitudes;
+  };
+  const std::vector<Row> rows{
+      {"unity", [](auto&) {}, {0.5, 0.25}},
+      {"source, device and channel gains",
+       [](auto& c) {
+         c.sourceGain = 0.5f;
+         c.deviceGain = 1.5f;
+         c.channelGains[1] = 0.5f;
+       },
+       {0.5 * 0.5 * 1.5, 0.25 * 0.5 * 1.5 * 0.5}},
+      {"muted", [](auto& c) { c.muted = true; }, {0, 0}},
+      {"source switched off", [](auto& c) { c.sourceEnabled = false; }, {0, 0}},
+      {"device switched off", [](auto& c) { c.deviceEnabled = false; }, {0, 0}},
+      {"channels swapped",
+       [](auto& c) {
+         c.routes = {{1, 2}, {2, 1}};
+       },
+       {0.25, 0.5}},
+      {"second channel dropped",
+       [](auto& c) {
+         c.routes = {{1, 1}};
+       },
+       {0.5, 0}},
+      {"both onto the first",
+       [](auto& c) {
+         c.routes = {{1, 1}, {2, 1}};
+       },
+       {0.75, 0}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    auto controls = device("d1");
+    row.change(controls);
+    RuntimeControlStoreV3::publish({controls});
+    expectLevels(mix->levelsAfter(150ms, 100ms), row.amplitudes);
+  }
+}
+
+TEST_F(VirtualDevices, AControlChangeIsHeardWithin50Milliseconds) {
+  startProgram();
+  publish({device("d1")});
+  auto tone = probe_.play({.target = "d1", .amplitudes = {0.5, 0.5}});
+  auto mix = probe_.record({.target = "d1.mix", .latency = "256/48000"});
+  ASSERT_TRUE(mix->waitForMore(9600, 5s));
+
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    auto controls = device("d1");
+    controls.deviceGain = attempt % 2 == 0 ? 0.25f : 1.0f;
+    const double expected = sineLevel(0.5 * controls.deviceGain);
+    const auto published = std::chrono::steady_clock::now();
+    RuntimeControlStoreV3::publish({controls});
+    ASSERT_TRUE(mix->waitForMore(9600, 5s));
+    std::optional<std::chrono::steady_clock::time_point> heard;
+    for (const auto& block : mix->blocks()) {
+      if (block.arrived < published) continue;
+      const double level = mix->levels(block.firstFrame, block.firstFrame + block.frames)[0];
+      if (std::abs(level - expected) < 1.0) {
+        heard = block.arrived;
+        break;
+      }
+    }
+    ASSERT_TRUE(heard.has_value()) << "the new gain was never heard";
+    EXPECT_LT(*heard - published, 50ms);
+  }
+}
+
+TEST_F(VirtualDevices, HelpersEntranceSkipsThePassThruStageButNotTheDevice) {
+  startProgram();
+  auto controls = device("d1");
+  controls.muted = true;
+  controls.sourceGain = 0.5f;
+  controls.deviceGain = 0.5f;
+  publish({controls});
+  auto passThru = probe_.play({.target = "d1", .amplitudes = {0.5, 0.5}});
+  auto helper = probe_.play({.amplitudes = {0.5, 0.25}, .name = "helper-tone"});
+  ASSERT_TRUE(testing::eventually([&] { return server_->nodeID("helper-tone") != 0; }, 5s, 20ms));
+  server_->link("helper-tone:output_FL", "d1.mixer:helper_FL");
+  server_->link("helper-tone:output_FR", "d1.mixer:helper_FR");
+  auto mix = probe_.record({.target = "d1.mix"});
+  expectLevels(mix->levelsAfter(200ms, 100ms), {0.25, 0.125});
+
+  controls.deviceEnabled = false;
+  RuntimeControlStoreV3::publish({controls});
+  expectLevels(mix->levelsAfter(150ms, 100ms), {0, 0});
+}
+
+TEST_F(VirtualDevices, SixteenDevicesAndARemovedSlotLeavesTheOthersPlaying) {
+  startProgram();
+  std::vector<RuntimeDeviceControls> devices;
+  for (int i = 0; i < 16; ++i)
+    devices.push_back(device("app.brisola.device.d" + std::to_string(i)));
+  publish(devices);
+  const auto hardware = HardwareBackend::current()->snapshot();
+  EXPECT_TRUE(CoreAudioDeviceRegistry::halPlugInIsLoaded(*hardware));
+  const auto inventory = CoreAudioDeviceRegistry::deviceInventory(*hardware);
+  for (const auto& controls : devices) {
+    auto listed = [&](const std::vector<AudioDeviceInfo>& side) {
+      return std::any_of(side.begin(), side.end(), [&](const AudioDeviceInfo& info) {
+        return info.uid == controls.uid && info.name == controls.name && info.channelCount == 2;
+      });
+    };
+    EXPECT_TRUE(listed(inventory.inputs) && listed(inventory.outputs)) << controls.uid;
+  }
+
+  const std::string first = devices[0].uid;
+  auto tone = probe_.play({.target = first, .amplitudes = {0.5, 0.5}});
+  auto mix = probe_.record({.target = first + ".mix"});
+  ASSERT_TRUE(mix->waitForMore(9600, 5s));
+  const std::size_t before = mix->frames();
+  devices.erase(devices.begin() + 7);
+  publish(devices);
+  ASSERT_TRUE(mix->waitForMore(9600, 5s));
+  // Every 10 ms while the slot went: the tone, whole.
+  for (std::size_t from = before; from + 480 <= mix->frames(); from += 480) {
+    SCOPED_TRACE("frame " + std::to_string(from));
+    expectLevels(mix->levels(from, from + 480), {0.5, 0.5});
+    if (::testing::Test::HasFailure()) break;
+  }
+  EXPECT_FALSE(RuntimeMeterStore::reading(RuntimeMeterStore::outputOwnerID("app.brisola.device.d7"))
+                   .has_value());
+}
+
+TEST_F(VirtualDevices, MetersShowTheLevelsOfBothSides) {
+  startProgram();
+  auto controls = device("d1");
+  controls.deviceGain = 0.5f;
+  publish({controls});
+  auto tone = probe_.play({.target = "d1", .amplitudes = {0.5, 0.25}});
+  auto mix = probe_.record({.target = "d1.mix"});
+  ASSERT_TRUE(mix->waitForMore(9600, 5s));
+  const auto ctl = testing::buildDirectory() / "tools" / "brisolactl";
+  for (const auto& [side, gain] : {std::pair{"source", 1.0}, std::pair{"output", 0.5}}) {
+    SCOPED_TRACE(side);
+    const auto result = testing::runToCompletion(ctl, {"meter", "--device", "d1", "--side", side},
+                                                 testing::currentEnvironment(), fs::current_path());
+    ASSERT_EQ(result.status, 0) << result.err;
+    const auto reading = nlohmann::json::parse(result.out);
+    ASSERT_EQ(reading["levels"].size(), 2u);
+    EXPECT_NEAR(20 * std::log10(reading["levels"][0].get<double>()), sineLevel(0.5 * gain), 0.5);
+    EXPECT_NEAR(20 * std::log10(reading["levels"][1].get<double>()), sineLevel(0.25 * gain), 0.5);
+    EXPECT_NEAR(reading["peaks"][0].get<double>(), 0.5 * gain, 0.01);
+  }
+}
+
+TEST_F(VirtualDevices, BlockStatesAreLoggedOnceAndAStopRemovesEverything) {
+  startProgram();
+  ASSERT_TRUE(testing::eventually(
+      [&] { return programLog().find("No control block") != std::string::npos; }, 5s, 10ms));
+  // A block of another layout version: the magic, version 5, size, even sequence.
+  {
+    const int fd = ::shm_open("/brisolaruntime3", O_RDWR | O_CREAT, 0666);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::ftruncate(fd, 65536), 0);
+    const std::uint32_t header[] = {0x5354524B, 5, 65536, 2};
+    ASSERT_EQ(::pwrite(fd, header, sizeof header, 0), static_cast<ssize_t>(sizeof header));
+    ::close(fd);
+  }
+  ASSERT_TRUE(testing::eventually(
+      [&] { return programLog().find("Cannot use the control block") != std::string::npos; }, 5s,
+      10ms));
+  std::this_thread::sleep_for(200ms);  // twenty polls
+  publish({device("d1")});
+  const std::string log = programLog();
+  EXPECT_EQ(testing::countOccurrences(log, "No control block"), 1) << log;
+  EXPECT_EQ(testing::countOccurrences(log, "Cannot use the control block"), 1) << log;
+  EXPECT_EQ(testing::countOccurrences(log, "Added device 'Device d1'"), 1) << log;
+
+  const auto meter = RuntimeMeterStore::outputOwnerID("d1");
+  ASSERT_TRUE(RuntimeMeterStore::reading(meter).has_value());
+  ::kill(program_->pid(), SIGTERM);
+  ASSERT_TRUE(testing::eventually([&] { return !program_->running(); }, 5s));
+  EXPECT_EQ(program_->exitStatus(), 0);
+  EXPECT_THAT(programLog(), ::testing::HasSubstr("Stopped Brisola virtual devices"));
+  EXPECT_FALSE(RuntimeMeterStore::reading(meter).has_value());
+  const auto backend = HardwareBackend::current();
+  EXPECT_TRUE(testing::eventually(
+      [&] { return CoreAudioDeviceRegistry::allDeviceUIDs(*backend->snapshot()).empty(); }, 5s));
+}
+
+}  // namespace
+}  // namespace brisola
