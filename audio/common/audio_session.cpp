@@ -4,6 +4,7 @@
 #include <pipewire/pipewire.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <mutex>
@@ -97,44 +98,26 @@ void LinkSet::set(const std::set<Pair>& wanted) {
   }
 }
 
+bool LinkSet::allGone() const {
+  return std::all_of(links_.begin(), links_.end(),
+                     [](const auto& entry) { return entry.second->gone(); });
+}
+
 // Filters.
 
-struct AudioFilter::Ports {
+struct AudioFilter::Hook {
   spa_hook hook{};
-  std::vector<void*> inputs;
-  std::vector<void*> outputs;
-  std::vector<std::string> names;
-  // Filled on the audio thread each cycle; sized here so that it never allocates.
-  std::vector<const float*> inputBuffers;
-  std::vector<float*> outputBuffers;
 };
 
 AudioFilter::AudioFilter(AudioSession& session, const PipeWireProperties& properties,
-                         const std::vector<PortSpec>& inputs, const std::vector<PortSpec>& outputs,
                          Process process)
-    : ports_(std::make_unique<Ports>()), process_(std::move(process)) {
+    : session_(session), hook_(std::make_unique<Hook>()), process_(std::move(process)) {
   auto name = properties.contains(PW_KEY_NODE_NAME) ? properties.at(PW_KEY_NODE_NAME) : "brisola";
   filter_ = pw_filter_new(session.core(), name.c_str(), makeProperties(properties).release());
   if (filter_ == nullptr) throw std::runtime_error("Cannot make the PipeWire filter " + name);
   static constexpr pw_filter_events events{.version = PW_VERSION_FILTER_EVENTS,
                                            .process = processCycle};
-  pw_filter_add_listener(filter_, &ports_->hook, &events, this);
-  auto addPorts = [&](const std::vector<PortSpec>& specs, pw_direction direction,
-                      std::vector<void*>& handles) {
-    for (const auto& spec : specs) {
-      auto portProperties = makeProperties({{PW_KEY_FORMAT_DSP, "32 bit float mono audio"},
-                                            {PW_KEY_PORT_NAME, spec.name},
-                                            {PW_KEY_AUDIO_CHANNEL, spec.position}});
-      void* port = pw_filter_add_port(filter_, direction, PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0,
-                                      portProperties.release(), nullptr, 0);
-      if (port == nullptr) throw std::runtime_error("Cannot add the port " + spec.name);
-      handles.push_back(port);
-    }
-  };
-  addPorts(inputs, PW_DIRECTION_INPUT, ports_->inputs);
-  addPorts(outputs, PW_DIRECTION_OUTPUT, ports_->outputs);
-  ports_->inputBuffers.resize(inputs.size());
-  ports_->outputBuffers.resize(outputs.size());
+  pw_filter_add_listener(filter_, &hook_->hook, &events, this);
   if (pw_filter_connect(filter_, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0) < 0) {
     throw std::runtime_error("Cannot connect the PipeWire filter " + name);
   }
@@ -142,23 +125,46 @@ AudioFilter::AudioFilter(AudioSession& session, const PipeWireProperties& proper
 
 AudioFilter::~AudioFilter() {
   if (filter_ == nullptr) return;
-  spa_hook_remove(&ports_->hook);
+  spa_hook_remove(&hook_->hook);
   pw_filter_destroy(filter_);
+}
+
+AudioFilter::Port AudioFilter::addPort(PipeWireDirection direction, const PortSpec& spec) {
+  auto properties = makeProperties({{PW_KEY_FORMAT_DSP, "32 bit float mono audio"},
+                                    {PW_KEY_PORT_NAME, spec.name},
+                                    {PW_KEY_AUDIO_CHANNEL, spec.position}});
+  void* port = pw_filter_add_port(
+      filter_, direction == PipeWireDirection::input ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT,
+      PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0, properties.release(), nullptr, 0);
+  if (port == nullptr) throw std::runtime_error("Cannot add the port " + spec.name);
+  return port;
+}
+
+void AudioFilter::removePort(Port port) {
+  pw_filter_remove_port(port);
+}
+
+const float* AudioFilter::input(Port port, std::uint32_t frames) {
+  return static_cast<const float*>(pw_filter_get_dsp_buffer(port, frames));
+}
+
+float* AudioFilter::output(Port port, std::uint32_t frames) {
+  return static_cast<float*>(pw_filter_get_dsp_buffer(port, frames));
+}
+
+void AudioFilter::betweenCycles(const std::function<void()>& change) {
+  pw_loop_invoke(
+      session_.dataLoop(),
+      [](spa_loop*, bool, std::uint32_t, const void*, std::size_t, void* data) {
+        (*static_cast<const std::function<void()>*>(data))();
+        return 0;
+      },
+      0, nullptr, 0, true, const_cast<std::function<void()>*>(&change));
 }
 
 void AudioFilter::processCycle(void* data, spa_io_position* position) {
   auto* self = static_cast<AudioFilter*>(data);
-  auto& ports = *self->ports_;
-  const auto frames = static_cast<std::uint32_t>(position->clock.duration);
-  for (std::size_t i = 0; i < ports.inputs.size(); ++i) {
-    ports.inputBuffers[i] =
-        static_cast<const float*>(pw_filter_get_dsp_buffer(ports.inputs[i], frames));
-  }
-  for (std::size_t i = 0; i < ports.outputs.size(); ++i) {
-    ports.outputBuffers[i] =
-        static_cast<float*>(pw_filter_get_dsp_buffer(ports.outputs[i], frames));
-  }
-  self->process_(ports.inputBuffers, ports.outputBuffers, frames);
+  self->process_(static_cast<std::uint32_t>(position->clock.duration));
 }
 
 std::optional<std::uint32_t> AudioFilter::nodeID() const {
@@ -235,6 +241,10 @@ AudioSession::~AudioSession() {
 
 pw_loop* AudioSession::loop() const {
   return pw_main_loop_get_loop(mainLoop_);
+}
+
+pw_loop* AudioSession::dataLoop() const {
+  return pw_data_loop_get_loop(pw_context_get_data_loop(context_));
 }
 
 void AudioSession::onGraphChange(std::function<void()> callback) {

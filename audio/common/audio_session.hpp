@@ -62,7 +62,8 @@ class LinkSet {
   explicit LinkSet(AudioSession& session) : session_(session) {}
   void set(const std::set<Pair>& wanted);
   void clear() { links_.clear(); }
-  std::size_t size() const { return links_.size(); }
+  // Every link has been removed by the server (with a port or node at either end).
+  bool allGone() const;
 
  private:
   AudioSession& session_;
@@ -77,29 +78,40 @@ struct PortSpec {
 // The channel positions of an n-channel stream: FL FR for stereo, AUX0... otherwise.
 std::vector<std::string> channelPositions(std::size_t channels);
 
-// A node of DSP ports whose process function runs on the audio thread once per cycle, with
-// one buffer per port (nullptr for a port that has none this cycle).
+// A node of DSP ports (32-bit float, one channel each) whose process function runs on the
+// audio thread once per graph cycle. Ports can come and go while it runs.
 class AudioFilter {
  public:
-  using Process = std::function<void(std::span<const float* const> in, std::span<float* const> out,
-                                     std::uint32_t frames)>;
-  AudioFilter(AudioSession& session, const PipeWireProperties& properties,
-              const std::vector<PortSpec>& inputs, const std::vector<PortSpec>& outputs,
-              Process process);
+  using Process = std::function<void(std::uint32_t frames)>;
+  AudioFilter(AudioSession& session, const PipeWireProperties& properties, Process process);
   ~AudioFilter();
   AudioFilter(const AudioFilter&) = delete;
   AudioFilter& operator=(const AudioFilter&) = delete;
 
+  using Port = void*;
+  Port addPort(PipeWireDirection direction, const PortSpec& spec);
+  // The process function must no longer touch the port (see betweenCycles).
+  void removePort(Port port);
+
+  // This cycle's buffer of a port, from the process function; nullptr when it has none.
+  static const float* input(Port port, std::uint32_t frames);
+  static float* output(Port port, std::uint32_t frames);
+
+  // Runs `change` on the audio thread between two cycles, and returns once it has run: how
+  // what the process function reads is replaced without a lock on the audio thread.
+  void betweenCycles(const std::function<void()>& change);
+
   // The node's global id once the server knows it.
   std::optional<std::uint32_t> nodeID() const;
-  // The global id of the port named `name` in the graph, once it is there.
+  // The global id of this node's port named `name` in the graph, once it is there.
   std::optional<std::uint32_t> port(const PipeWireGraph& graph, const std::string& name) const;
 
  private:
-  struct Ports;
+  struct Hook;
   static void processCycle(void* data, ::spa_io_position* position);
+  AudioSession& session_;
   pw_filter* filter_ = nullptr;
-  std::unique_ptr<Ports> ports_;
+  std::unique_ptr<Hook> hook_;
   Process process_;
 };
 
@@ -113,6 +125,8 @@ class AudioSession {
 
   pw_core* core() const { return core_; }
   pw_loop* loop() const;
+  // The loop of the audio thread.
+  pw_loop* dataLoop() const;
   const PipeWireGraph& graph() const { return watch_->graph(); }
 
   // Runs `callback` on the loop once after each burst of changes to the graph.

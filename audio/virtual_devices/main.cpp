@@ -22,18 +22,23 @@ std::string describe(const RuntimeDeviceControls& controls) {
 // The devices of the last good read of the control block, by UID.
 class DeviceSet {
  public:
-  explicit DeviceSet(AudioSession& session) : session_(session) {}
+  explicit DeviceSet(AudioSession& session) : session_(session), mixer_(session) {}
 
   void apply(const std::vector<RuntimeDeviceControls>& records) {
     std::map<std::string, const RuntimeDeviceControls*> wanted;
     for (const auto& record : records) wanted.emplace(record.uid, &record);  // first slot wins
-    std::erase_if(devices_, [&](auto& entry) {
-      auto found = wanted.find(entry.first);
-      if (found != wanted.end() && entry.second.device->serves(*found->second)) return false;
+    std::vector<std::unique_ptr<VirtualDevice>> retiring;
+    for (auto entry = devices_.begin(); entry != devices_.end();) {
+      auto found = wanted.find(entry->first);
+      if (found != wanted.end() && entry->second.device->serves(*found->second)) {
+        ++entry;
+        continue;
+      }
       log((found == wanted.end() ? "Removed device " : "Replacing device ") +
-          describe(entry.second.controls));
-      return true;
-    });
+          describe(entry->second.controls));
+      retiring.push_back(std::move(entry->second.device));
+      entry = devices_.erase(entry);
+    }
     for (const auto& [uid, record] : wanted) {
       if (auto existing = devices_.find(uid); existing != devices_.end()) {
         existing->second.device->update(*record);
@@ -41,13 +46,30 @@ class DeviceSet {
         continue;
       }
       try {
-        devices_.emplace(uid, Entry{std::make_unique<VirtualDevice>(session_, *record), *record});
+        devices_.emplace(
+            uid, Entry{std::make_unique<VirtualDevice>(session_, mixer_, *record), *record});
         log("Added device " + describe(*record));
       } catch (const std::exception& error) {
         log("Cannot add device " + describe(*record) + ": " + error.what());
       }
     }
+    // The mixer lets go of the retiring devices before anything of theirs goes.
+    std::vector<MixLane> lanes;
+    for (auto& [uid, entry] : devices_) lanes.push_back(entry.device->lane());
+    mixer_.setLanes(std::move(lanes));
+    for (auto& device : retiring) {
+      device->retire();
+      retired_.push_back({std::move(device), std::chrono::steady_clock::now()});
+    }
     connect();
+  }
+
+  // Lets go of retired devices whose links the server has removed, or that waited too long.
+  void sweep() {
+    const auto now = std::chrono::steady_clock::now();
+    std::erase_if(retired_, [&](const Retired& retired) {
+      return retired.device->retired() || now - retired.since > 2s;
+    });
   }
 
   void connect() {
@@ -56,15 +78,24 @@ class DeviceSet {
   void publishMeters() {
     for (auto& [uid, entry] : devices_) entry.device->publishMeters();
   }
-  void clear() { devices_.clear(); }
+  void clear() {
+    apply({});
+    retired_.clear();
+  }
 
  private:
   struct Entry {
     std::unique_ptr<VirtualDevice> device;
     RuntimeDeviceControls controls;
   };
+  struct Retired {
+    std::unique_ptr<VirtualDevice> device;
+    std::chrono::steady_clock::time_point since;
+  };
   AudioSession& session_;
+  Mixer mixer_;
   std::map<std::string, Entry> devices_;
+  std::vector<Retired> retired_;
 };
 
 // Reads the control block when it may have changed, and says once when its state changes.
@@ -102,14 +133,16 @@ int run() {
   AudioSession session("brisola-virtual-devices",
                        {{"application.id", std::string(BrisolaCore::halBundleID)}});
   log("Starting Brisola virtual devices");
-  DeviceSet devices(session);
   ControlReader reader;
+  DeviceSet devices(session);
   session.onGraphChange([&] { devices.connect(); });
-  AudioSession::Timer poll(session, 10ms, [&] {
+  // One wake-up every 20 ms reads the controls when they moved and refreshes the meters: 50
+  // times a second, where readers call a meter absent after 0.3 s without change.
+  AudioSession::Timer tick(session, 20ms, [&] {
     if (auto records = reader.poll()) devices.apply(*records);
+    devices.publishMeters();
+    devices.sweep();
   });
-  // Meter readers call a meter that has not changed for 0.3 s absent: 40 updates a second.
-  AudioSession::Timer meters(session, 25ms, [&] { devices.publishMeters(); });
   const int status = session.run();
   devices.clear();
   log("Stopped Brisola virtual devices");

@@ -26,6 +26,7 @@ PipeWireProperties nullNode(const RuntimeDeviceControls& controls, std::string_v
           {"audio.position", positionList(positions)},
           // The desktop's volume of the device then acts on what passes through it.
           {"monitor.channel-volumes", "true"},
+          {"node.driver", "false"},
           {std::string(PipeWireKeys::deviceUID), controls.uid},
           {std::string(PipeWireKeys::nodeRole), std::string(role)},
           {PW_KEY_OBJECT_LINGER, "false"}};
@@ -44,46 +45,99 @@ GainStage deviceMix(const RuntimeDeviceControls& controls) {
   return stage;
 }
 
-VirtualDevice::VirtualDevice(AudioSession& session, const RuntimeDeviceControls& controls)
+std::string mixerPortName(std::string_view deviceUID, std::string_view part,
+                          std::string_view position) {
+  return std::string(deviceUID) + "/" + std::string(part) + "_" + std::string(position);
+}
+
+Mixer::Mixer(AudioSession& session)
+    // No media class: the session manager leaves the mixer and the helpers' entrance alone.
+    : filter_(session,
+              {{PW_KEY_NODE_NAME, "brisola-mixer"},
+               {PW_KEY_NODE_DESCRIPTION, "Brisola mixer"},
+               {PW_KEY_MEDIA_TYPE, "Audio"},
+               {PW_KEY_MEDIA_CATEGORY, "Filter"},
+               {PW_KEY_MEDIA_ROLE, "DSP"},
+               {std::string(PipeWireKeys::nodeRole), std::string(PipeWireKeys::mixerRole)}},
+              [this](std::uint32_t frames) { process(frames); }) {}
+
+void Mixer::setLanes(std::vector<MixLane> lanes) {
+  // The new table goes in beside the one in use, and is swapped in between two cycles.
+  const std::vector<MixLane> next = std::move(lanes);
+  filter_.betweenCycles([&] { active_ = &next; });
+  lanes_ = next;  // both are only read while the audio thread reads `next`
+  filter_.betweenCycles([&] { active_ = &lanes_; });
+}
+
+void Mixer::process(std::uint32_t frames) {
+  std::array<const float*, maximumChannels> entrance;
+  std::array<const float*, maximumChannels> helpers;
+  std::array<float*, maximumChannels> outputs;
+  for (const MixLane& lane : *active_) {
+    for (std::size_t c = 0; c < lane.channels; ++c) {
+      entrance[c] = AudioFilter::input(lane.entrance[c], frames);
+      helpers[c] = AudioFilter::input(lane.helpers[c], frames);
+      outputs[c] = AudioFilter::output(lane.outputs[c], frames);
+    }
+    const auto in = std::span<const float* const>(entrance.data(), lane.channels);
+    const auto out = std::span<float* const>(outputs.data(), lane.channels);
+    lane.entranceLevels->measure(in, frames);
+    render(lane.mix->read(), in, std::span<const float* const>(helpers.data(), lane.channels), out,
+           frames);
+    lane.outputLevels->measure(std::span<const float* const>(outputs.data(), lane.channels),
+                               frames);
+  }
+}
+
+VirtualDevice::VirtualDevice(AudioSession& session, Mixer& mixer,
+                             const RuntimeDeviceControls& controls)
     : session_(session),
+      mixer_(mixer),
       controls_(controls),
       channels_(static_cast<std::size_t>(controls.channelCount)),
       positions_(channelPositions(channels_)),
       mix_(deviceMix(controls)),
       entranceMeter_(RuntimeMeterStore::sourceOwnerID(controls.uid), channels_),
       outputMeter_(RuntimeMeterStore::outputOwnerID(controls.uid), channels_),
-      entrance_(
+      entrance_(std::make_unique<ServerObject>(
           session, "adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE,
-          nullNode(controls, PipeWireKeys::entranceRole, "Audio/Sink", controls.uid, positions_)),
-      mixNode_(session, "adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE,
-               nullNode(controls, PipeWireKeys::mixRole, "Audio/Source/Virtual",
-                        controls.uid + ".mix", positions_)),
+          nullNode(controls, PipeWireKeys::entranceRole, "Audio/Sink", controls.uid, positions_))),
+      mixNode_(std::make_unique<ServerObject>(
+          session, "adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE,
+          nullNode(controls, PipeWireKeys::mixRole, "Audio/Source/Virtual", controls.uid + ".mix",
+                   positions_))),
       links_(session) {
-  std::vector<PortSpec> inputs;
-  std::vector<PortSpec> outputs;
-  for (const auto& position : positions_) inputs.push_back({"in_" + position, position});
-  for (const auto& position : positions_) inputs.push_back({"helper_" + position, position});
-  for (const auto& position : positions_) outputs.push_back({"out_" + position, position});
-  // No media class: the session manager leaves the mixer and the helpers' entrance alone.
-  mixer_ = std::make_unique<AudioFilter>(
-      session,
-      PipeWireProperties{
-          {PW_KEY_NODE_NAME, controls.uid + ".mixer"},
-          {PW_KEY_NODE_DESCRIPTION, controls.name + " (mixer)"},
-          {PW_KEY_MEDIA_TYPE, "Audio"},
-          {PW_KEY_MEDIA_CATEGORY, "Filter"},
-          {PW_KEY_MEDIA_ROLE, "DSP"},
-          {std::string(PipeWireKeys::deviceUID), controls.uid},
-          {std::string(PipeWireKeys::nodeRole), std::string(PipeWireKeys::mixerRole)}},
-      inputs, outputs,
-      [this](std::span<const float* const> in, std::span<float* const> out, std::uint32_t frames) {
-        process(in, out, frames);
-      });
+  auto& filter = mixer_.filter();
+  for (std::size_t c = 0; c < channels_; ++c) {
+    const auto& position = positions_[c];
+    entrancePorts_[c] = filter.addPort(PipeWireDirection::input,
+                                       {mixerPortName(controls.uid, "in", position), position});
+    helperPorts_[c] = filter.addPort(PipeWireDirection::input,
+                                     {mixerPortName(controls.uid, "helper", position), position});
+    outputPorts_[c] = filter.addPort(PipeWireDirection::output,
+                                     {mixerPortName(controls.uid, "out", position), position});
+  }
 }
 
 VirtualDevice::~VirtualDevice() {
+  retire();
   links_.clear();
-  mixer_.reset();
+  auto& filter = mixer_.filter();
+  for (std::size_t c = 0; c < channels_; ++c) {
+    for (auto* ports : {&entrancePorts_, &helperPorts_, &outputPorts_}) {
+      if ((*ports)[c] != nullptr) filter.removePort((*ports)[c]);
+    }
+  }
+}
+
+MixLane VirtualDevice::lane() {
+  return MixLane{.channels = channels_,
+                 .entrance = entrancePorts_,
+                 .helpers = helperPorts_,
+                 .outputs = outputPorts_,
+                 .mix = &mix_,
+                 .entranceLevels = &entranceLevels_,
+                 .outputLevels = &outputLevels_};
 }
 
 bool VirtualDevice::serves(const RuntimeDeviceControls& controls) const {
@@ -97,29 +151,31 @@ void VirtualDevice::update(const RuntimeDeviceControls& controls) {
   mix_.write(deviceMix(controls));
 }
 
-void VirtualDevice::process(std::span<const float* const> in, std::span<float* const> out,
-                            std::uint32_t frames) {
-  const GainStage& stage = mix_.read();
-  const auto entrance = in.first(channels_);
-  entranceLevels_.measure(entrance, frames);
-  render(stage, entrance, in.subspan(channels_), out, frames);
-  outputLevels_.measure(std::span<const float* const>(out.data(), out.size()), frames);
+void VirtualDevice::retire() {
+  entrance_.reset();
+  mixNode_.reset();
+}
+
+bool VirtualDevice::retired() const {
+  return !entrance_ && links_.allGone();
 }
 
 void VirtualDevice::connect() {
+  if (!entrance_) return;
   const auto& graph = session_.graph();
-  const auto entrance = entrance_.id();
-  const auto mix = mixNode_.id();
+  const auto entrance = entrance_->id();
+  const auto mix = mixNode_->id();
   if (!entrance || !mix) return;
   const auto monitors =
       graph.portsOf(*entrance, PipeWireDirection::output, PipeWireGraph::Ports::monitors);
   const auto mixInputs = graph.portsOf(*mix, PipeWireDirection::input);
+  const auto& filter = mixer_.filter();
   std::set<LinkSet::Pair> wanted;
-  for (std::size_t k = 0; k < channels_; ++k) {
-    const auto in = mixer_->port(graph, "in_" + positions_[k]);
-    const auto out = mixer_->port(graph, "out_" + positions_[k]);
-    if (k < monitors.size() && in) wanted.emplace(monitors[k]->id, *in);
-    if (k < mixInputs.size() && out) wanted.emplace(*out, mixInputs[k]->id);
+  for (std::size_t c = 0; c < channels_; ++c) {
+    const auto in = filter.port(graph, mixerPortName(controls_.uid, "in", positions_[c]));
+    const auto out = filter.port(graph, mixerPortName(controls_.uid, "out", positions_[c]));
+    if (c < monitors.size() && in) wanted.emplace(monitors[c]->id, *in);
+    if (c < mixInputs.size() && out) wanted.emplace(*out, mixInputs[c]->id);
   }
   links_.set(wanted);
 }

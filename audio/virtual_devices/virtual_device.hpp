@@ -1,10 +1,12 @@
 #pragma once
 
-// One virtual device on PipeWire, made from one slot of the control block: a sink that
-// applications play into (the entrance), a virtual source that they record from (the mix),
-// and between the two a filter of this program that mixes, with a second set of inputs for
-// the helpers (their entrance, which the session manager never links).
+// The virtual devices on PipeWire, one per slot of the control block. Each is a sink that
+// applications play into (its entrance) and a virtual source that they record from (its mix);
+// between the two, the program's one mixer node holds every device's entrance, helpers'
+// entrance and output ports and mixes each device on the audio thread. One node for all
+// devices keeps the audio thread to one wake-up per graph cycle however many devices there are.
 
+#include <array>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,13 +25,47 @@ namespace brisola::audio {
 //   out[o] = deviceGain · channelGains[o] · y[o] when the device is on, else 0
 GainStage deviceMix(const RuntimeDeviceControls& controls);
 
+// The mixer's port names for a device: "<uid>/in_FL", "<uid>/helper_FL", "<uid>/out_FL"...
+std::string mixerPortName(std::string_view deviceUID, std::string_view part,
+                          std::string_view position);
+
+// What the audio thread needs of one device: its ports, its controls and its meters.
+struct MixLane {
+  std::size_t channels = 0;
+  std::array<AudioFilter::Port, maximumChannels> entrance{};
+  std::array<AudioFilter::Port, maximumChannels> helpers{};
+  std::array<AudioFilter::Port, maximumChannels> outputs{};
+  LatestValue<GainStage>* mix = nullptr;
+  LevelMeter* entranceLevels = nullptr;
+  LevelMeter* outputLevels = nullptr;
+};
+
+class Mixer {
+ public:
+  explicit Mixer(AudioSession& session);
+  AudioFilter& filter() { return filter_; }
+  // The lanes the audio thread mixes from the next cycle on; the ports of lanes left out may
+  // be removed once this returns.
+  void setLanes(std::vector<MixLane> lanes);
+
+ private:
+  void process(std::uint32_t frames);
+  AudioFilter filter_;
+  std::vector<MixLane> lanes_;                    // what the audio thread reads
+  const std::vector<MixLane>* active_ = &lanes_;  // swapped only between cycles
+};
+
 class VirtualDevice {
  public:
-  VirtualDevice(AudioSession& session, const RuntimeDeviceControls& controls);
+  // Makes the device's nodes and adds its ports to the mixer; the caller then hands the
+  // mixer the device's lane.
+  VirtualDevice(AudioSession& session, Mixer& mixer, const RuntimeDeviceControls& controls);
+  // Removes the ports: the mixer must no longer have the device's lane.
   ~VirtualDevice();
   VirtualDevice(const VirtualDevice&) = delete;
   VirtualDevice& operator=(const VirtualDevice&) = delete;
 
+  MixLane lane();
   // PipeWire cannot rename or re-shape a node it made from a factory: the same nodes serve new
   // controls only while the UID, channel count, name and icon stay.
   bool serves(const RuntimeDeviceControls& controls) const;
@@ -38,10 +74,15 @@ class VirtualDevice {
   void connect();
   void publishMeters();
 
- private:
-  void process(std::span<const float* const> in, std::span<float* const> out, std::uint32_t frames);
+  // Takes the device's nodes away; the server then removes their links with them. Taking a
+  // link or a linked port of the shared mixer away while the graph runs would cost every other
+  // device a cycle: the ports go only once their links are gone (`retired`).
+  void retire();
+  bool retired() const;
 
+ private:
   AudioSession& session_;
+  Mixer& mixer_;
   RuntimeDeviceControls controls_;
   std::size_t channels_;
   std::vector<std::string> positions_;
@@ -50,9 +91,11 @@ class VirtualDevice {
   LevelMeter outputLevels_;
   MeterPublisher entranceMeter_;
   MeterPublisher outputMeter_;
-  ServerObject entrance_;
-  ServerObject mixNode_;
-  std::unique_ptr<AudioFilter> mixer_;
+  std::unique_ptr<ServerObject> entrance_;
+  std::unique_ptr<ServerObject> mixNode_;
+  std::array<AudioFilter::Port, maximumChannels> entrancePorts_{};
+  std::array<AudioFilter::Port, maximumChannels> helperPorts_{};
+  std::array<AudioFilter::Port, maximumChannels> outputPorts_{};
   LinkSet links_;
 };
 

@@ -1,6 +1,7 @@
 #include "support/audio_probe.hpp"
 
 #include <pipewire/pipewire.h>
+#include <spa/node/io.h>
 #include <spa/param/audio/format-utils.h>
 
 #include <cmath>
@@ -174,9 +175,9 @@ void AudioProbe::Recorder::process() {
     }
     const std::size_t block = blockCount_.load(std::memory_order_relaxed);
     if (block < blocks_.size() && count > 0) {
-      pw_time time{};
-      pw_stream_get_time_n(stream_, &time, sizeof time);
-      blocks_[block] = Block{first, count, time.ticks, std::chrono::steady_clock::now()};
+      const spa_io_position* position = position_.load(std::memory_order_relaxed);
+      blocks_[block] = Block{first, count, position != nullptr ? position->clock.position : 0,
+                             std::chrono::steady_clock::now()};
       blockCount_.store(block + 1, std::memory_order_release);
     }
     frames_.store(first + count, std::memory_order_release);

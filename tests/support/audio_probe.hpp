@@ -14,6 +14,7 @@
 
 struct pw_thread_loop;
 struct pw_stream;
+struct spa_io_position;
 
 namespace brisola::testing {
 
@@ -70,6 +71,8 @@ class AudioProbe::Stream {
   AudioProbe& probe_;
   pw_stream* stream_ = nullptr;
   std::size_t channels_;
+  // The driver's clock, shared by every node it drives; set by the stream on its own thread.
+  std::atomic<const spa_io_position*> position_{nullptr};
 
  private:
   struct Listener;
@@ -81,7 +84,7 @@ class AudioProbe::Recorder : public AudioProbe::Stream {
   struct Block {
     std::size_t firstFrame = 0;
     std::size_t frames = 0;
-    std::uint64_t graphPosition = 0;  // the driver's sample position of the block
+    std::uint64_t graphPosition = 0;  // the driver's clock position of the block, in samples
     std::chrono::steady_clock::time_point arrived;
   };
 

@@ -1,0 +1,123 @@
+// What brisola-virtual-devices costs with 16 stereo devices carrying audio at 48 kHz (CPU time of
+// its process over a stretch of playing, at the graph's default quantum), and the latency its
+// mixer adds: where a tone starts in the mix against where it starts in the entrance's own
+// monitor, recorded in the same graph cycles. On a private PipeWire; the control block is the
+// real one, so do not run it beside a running service.
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <thread>
+
+#include "brisola/devices/core_audio_device_registry.hpp"
+#include "brisola/runtime/control_store.hpp"
+#include "support/audio_probe.hpp"
+#include "support/private_pipewire.hpp"
+#include "support/process_runner.hpp"
+#include "support/system_helpers.hpp"
+
+namespace {
+
+using namespace brisola;
+using namespace std::chrono_literals;
+
+double cpuSeconds(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  std::istringstream fields(text.substr(text.rfind(')') + 2));
+  std::string field;
+  unsigned long long user = 0, system = 0;
+  for (int i = 3; i <= 15 && fields >> field; ++i) {
+    if (i == 14) user = std::stoull(field);
+    if (i == 15) system = std::stoull(field);
+  }
+  return static_cast<double>(user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+RuntimeDeviceControls stereo(const std::string& uid) {
+  return RuntimeDeviceControls(uid, uid, "waveform.circle", 2, true, 1.0f, {}, true, false, 1.0f,
+                               {{1, 1}, {2, 2}});
+}
+
+bool waitForDevices(std::size_t count) {
+  return testing::eventually(
+      [&] {
+        auto inventory = CoreAudioDeviceRegistry::deviceInventory();
+        return inventory.inputs.size() == count && inventory.outputs.size() == count;
+      },
+      20s, 20ms);
+}
+
+// The graph position of the first sample above `threshold` in a recording.
+std::optional<std::uint64_t> onset(const testing::AudioProbe::Recorder& recorder,
+                                   float threshold = 0.01f) {
+  for (const auto& block : recorder.blocks()) {
+    for (std::size_t i = 0; i < block.frames; ++i) {
+      if (std::abs(recorder.samples(0)[block.firstFrame + i]) > threshold) {
+        return block.graphPosition + i;
+      }
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+int main() {
+  ::shm_unlink("/brisolaruntime3");
+  testing::PrivatePipeWire server;
+  server.useInThisProcess();
+  auto program =
+      server.start({(testing::buildDirectory() / "service" / "brisola-virtual-devices").string()});
+  testing::AudioProbe probe;
+
+  // Latency, on one device.
+  RuntimeControlStoreV3::publish({stereo("latency")});
+  if (!waitForDevices(1)) return std::puts("the device did not appear"), 1;
+  auto monitor = probe.record({.target = "latency", .sinkMonitor = true, .name = "monitor-rec"});
+  auto mix = probe.record({.target = "latency.mix", .name = "mix-rec"});
+  std::this_thread::sleep_for(500ms);
+  auto tone = probe.play({.target = "latency", .amplitudes = {0.5, 0.5}});
+  std::this_thread::sleep_for(1s);
+  const auto in = onset(*monitor), out = onset(*mix);
+  if (in && out) {
+    std::printf("added latency: %lld samples (%.2f ms) at the graph's quantum\n",
+                static_cast<long long>(*out) - static_cast<long long>(*in),
+                (static_cast<double>(*out) - static_cast<double>(*in)) / 48.0);
+  } else {
+    std::puts("added latency: no onset heard");
+  }
+  tone.reset();
+  monitor.reset();
+  mix.reset();
+
+  // CPU, with 16 devices playing.
+  std::vector<RuntimeDeviceControls> devices;
+  for (int i = 0; i < 16; ++i) devices.push_back(stereo("bench" + std::to_string(i)));
+  RuntimeControlStoreV3::publish(devices);
+  if (!waitForDevices(16)) return std::puts("the devices did not appear"), 1;
+  std::vector<std::unique_ptr<testing::AudioProbe::Stream>> streams;
+  for (const auto& device : devices) {
+    streams.push_back(probe.play({.target = device.uid, .amplitudes = {0.5, 0.5}}));
+    streams.push_back(probe.record({.target = device.uid + ".mix", .seconds = 1}));
+  }
+  std::this_thread::sleep_for(2s);
+  const double before = cpuSeconds(program->pid());
+  const auto start = std::chrono::steady_clock::now();
+  std::this_thread::sleep_for(10s);
+  const double used = cpuSeconds(program->pid()) - before;
+  const double elapsed =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  std::printf("16 stereo devices: %.3f s of CPU in %.1f s = %.2f%% of one core\n", used, elapsed,
+              100 * used / elapsed);
+  streams.clear();
+  program->stop();
+  ::shm_unlink("/brisolaruntime3");
+  return 0;
+}
