@@ -18,9 +18,10 @@ scripts/build.sh build-asan -DBRISOLA_WERROR=ON -DBRISOLA_SANITIZE=address,undef
   -DCMAKE_BUILD_TYPE=Debug
 ctest --test-dir build-asan --output-on-failure -j "$(nproc)"
 
-echo "== ThreadSanitizer (runtime shared memory)"
-# Only the runtime tests: the shared-memory protocol is the library's one lock-free part.
+echo "== ThreadSanitizer (runtime shared memory, audio hand-over)"
+# Only the code that shares memory between threads or processes without locks: the
+# shared-memory protocol and the hand-over of controls to the audio thread.
 cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBRISOLA_WERROR=ON \
   -DBRISOLA_SANITIZE=thread >/dev/null
-cmake --build build-tsan -j "$(nproc)" --target runtime_tests runtime_shm_tests
-ctest --test-dir build-tsan -L runtime --output-on-failure -j "$(nproc)"
+cmake --build build-tsan -j "$(nproc)" --target runtime_tests runtime_shm_tests audio_tests
+ctest --test-dir build-tsan -L 'runtime|audio' --output-on-failure -j "$(nproc)"

@@ -1,5 +1,6 @@
 #include "common/audio_session.hpp"
 
+#include <pipewire/extensions/metadata.h>
 #include <pipewire/filter.h>
 #include <pipewire/pipewire.h>
 #include <signal.h>
@@ -226,6 +227,8 @@ AudioSession::AudioSession(const std::string& name, const PipeWireProperties& cl
 }
 
 AudioSession::~AudioSession() {
+  if (metadata_ != nullptr) pw_proxy_destroy(metadata_);
+  if (registry_ != nullptr) pw_proxy_destroy(registry_);
   watch_.reset();
   if (core_ != nullptr) {
     spa_hook_remove(&hooks_->core);
@@ -247,6 +250,24 @@ pw_loop* AudioSession::dataLoop() const {
   return pw_data_loop_get_loop(pw_context_get_data_loop(context_));
 }
 
+bool AudioSession::setMetadata(std::uint32_t subject, const std::string& key,
+                               const std::optional<std::string>& value) {
+  if (metadata_ == nullptr) {
+    const auto id = graph().defaultMetadata;
+    if (!id) return false;
+    if (registry_ == nullptr) {
+      registry_ = reinterpret_cast<pw_proxy*>(pw_core_get_registry(core_, PW_VERSION_REGISTRY, 0));
+    }
+    metadata_ = static_cast<pw_proxy*>(pw_registry_bind(reinterpret_cast<pw_registry*>(registry_),
+                                                        *id, PW_TYPE_INTERFACE_Metadata,
+                                                        PW_VERSION_METADATA, 0));
+    if (metadata_ == nullptr) return false;
+  }
+  pw_metadata_set_property(reinterpret_cast<pw_metadata*>(metadata_), subject, key.c_str(), nullptr,
+                           value ? value->c_str() : nullptr);
+  return true;
+}
+
 void AudioSession::onGraphChange(std::function<void()> callback) {
   onGraphChange_ = std::move(callback);
 }
@@ -260,17 +281,23 @@ void AudioSession::signalled(void* data, int) {
   static_cast<AudioSession*>(data)->stop(0);
 }
 
-bool AudioSession::waitForGraph(std::chrono::milliseconds limit) {
+bool AudioSession::runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   pw_loop_enter(loop());
-  while (!watch_->isSettled()) {
+  bool result = done();
+  while (!result) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) break;
-    pw_loop_iterate(loop(), static_cast<int>(left.count()));
+    pw_loop_iterate(loop(), static_cast<int>(std::min<std::int64_t>(left.count(), 50)));
+    result = done();
   }
   pw_loop_leave(loop());
-  return watch_->isSettled();
+  return result;
+}
+
+bool AudioSession::waitForGraph(std::chrono::milliseconds limit) {
+  return runUntil([this] { return watch_->isSettled(); }, limit);
 }
 
 int AudioSession::run() {

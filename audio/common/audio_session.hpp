@@ -129,8 +129,15 @@ class AudioSession {
   pw_loop* dataLoop() const;
   const PipeWireGraph& graph() const { return watch_->graph(); }
 
+  // Sets, or without a value clears, a property of the session manager's "default" metadata.
+  // False when there is no such metadata.
+  bool setMetadata(std::uint32_t subject, const std::string& key,
+                   const std::optional<std::string>& value);
+
   // Runs `callback` on the loop once after each burst of changes to the graph.
   void onGraphChange(std::function<void()> callback);
+  // Runs the loop until `done` holds (true) or `limit` has passed (false).
+  bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit);
   // Runs the loop until the server's initial state is in; false after `limit`.
   bool waitForGraph(std::chrono::milliseconds limit);
   // Runs until SIGTERM or SIGINT (then 0), or until the server goes away (then 1).
@@ -163,6 +170,8 @@ class AudioSession {
   std::unique_ptr<Hooks> hooks_;
   std::unique_ptr<PipeWireGraphWatch> watch_;
   spa_source* changeEvent_ = nullptr;
+  pw_proxy* registry_ = nullptr;
+  pw_proxy* metadata_ = nullptr;
   std::vector<spa_source*> signalSources_;
   std::function<void()> onGraphChange_;
   int status_ = 0;

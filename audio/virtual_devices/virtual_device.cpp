@@ -45,11 +45,6 @@ GainStage deviceMix(const RuntimeDeviceControls& controls) {
   return stage;
 }
 
-std::string mixerPortName(std::string_view deviceUID, std::string_view part,
-                          std::string_view position) {
-  return std::string(deviceUID) + "/" + std::string(part) + "_" + std::string(position);
-}
-
 Mixer::Mixer(AudioSession& session)
     // No media class: the session manager leaves the mixer and the helpers' entrance alone.
     : filter_(session,

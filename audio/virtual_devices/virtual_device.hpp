@@ -14,6 +14,7 @@
 #include "brisola/runtime/meter_store.hpp"
 #include "brisola/runtime/runtime_controls.hpp"
 #include "common/audio_session.hpp"
+#include "common/device_ports.hpp"
 #include "common/gain_stage.hpp"
 #include "common/latest_value.hpp"
 
@@ -24,10 +25,6 @@ namespace brisola::audio {
 //          pass = sourceGain when the pass-thru source is on and not muted, else 0
 //   out[o] = deviceGain · channelGains[o] · y[o] when the device is on, else 0
 GainStage deviceMix(const RuntimeDeviceControls& controls);
-
-// The mixer's port names for a device: "<uid>/in_FL", "<uid>/helper_FL", "<uid>/out_FL"...
-std::string mixerPortName(std::string_view deviceUID, std::string_view part,
-                          std::string_view position);
 
 // What the audio thread needs of one device: its ports, its controls and its meters.
 struct MixLane {

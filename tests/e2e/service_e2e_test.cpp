@@ -160,7 +160,11 @@ TEST_F(ServiceProcess, DryRunPrintsControlsAndRoutesWithoutTouchingAnything) {
 
 TEST_F(ServiceProcess, MissingHelperIsFatalAndNamedAlone) {
   environment_.erase("BRISOLA_HELPER_DIR");
-  auto result = run({});
+  // A copy of its own: beside the built service lie the real helpers.
+  fs::create_directories(dir_ / "bin");
+  fs::copy_file(servicePath(), dir_ / "bin" / "brisola-audio-service");
+  auto result = testing::runToCompletion(dir_ / "bin" / "brisola-audio-service", {},
+                                         environment({}), dir_.path());
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(messages(result.out),
               ::testing::ElementsAre("Fatal error: Could not find executable helper "

@@ -120,7 +120,6 @@ struct PipeWireGraphWatch::State {
   spa_hook registryListener{};
   spa_hook coreListener{};
   std::map<std::uint32_t, std::unique_ptr<BoundObject>> bound;
-  std::optional<std::uint32_t> defaultMetadata;
   int pendingSync = -1;
   bool settled = false;
 
@@ -169,14 +168,19 @@ struct PipeWireGraphWatch::State {
   static int metadataProperty(void* data, std::uint32_t subject, const char* key, const char*,
                               const char* value) {
     auto* state = static_cast<BoundObject*>(data)->state;
-    if (subject != PW_ID_CORE) return 0;
+    auto& graph = state->graph;
+    // A null key clears every property of the subject; a null value clears one.
     const std::string_view name = key == nullptr ? std::string_view() : key;
-    // A null key clears every property of the subject.
-    if (key == nullptr || name == "default.audio.sink") {
-      state->graph.defaultSinkName = key == nullptr ? std::nullopt : defaultName(value);
-    }
-    if (key == nullptr || name == "default.audio.source") {
-      state->graph.defaultSourceName = key == nullptr ? std::nullopt : defaultName(value);
+    auto clears = [&](std::string_view property) { return key == nullptr || name == property; };
+    if (subject == PW_ID_CORE) {
+      if (clears("default.audio.sink")) graph.defaultSinkName = defaultName(value);
+      if (clears("default.audio.source")) graph.defaultSourceName = defaultName(value);
+    } else if (clears("target.object")) {
+      if (key != nullptr && value != nullptr) {
+        graph.streamTargets[subject] = value;
+      } else {
+        graph.streamTargets.erase(subject);
+      }
     }
     state->changed();
     return 0;
@@ -210,8 +214,10 @@ struct PipeWireGraphWatch::State {
                                             .inputNode = number(PW_KEY_LINK_INPUT_NODE),
                                             .inputPort = number(PW_KEY_LINK_INPUT_PORT)};
     } else if (kind == PW_TYPE_INTERFACE_Metadata) {
-      if (lookup(properties, PW_KEY_METADATA_NAME) != "default" || state->defaultMetadata) return;
-      state->defaultMetadata = id;
+      if (lookup(properties, PW_KEY_METADATA_NAME) != "default" || state->graph.defaultMetadata) {
+        return;
+      }
+      state->graph.defaultMetadata = id;
       state->bind(id, PW_TYPE_INTERFACE_Metadata, PW_VERSION_METADATA, &metadataEvents);
       return;
     } else {
@@ -227,10 +233,12 @@ struct PipeWireGraphWatch::State {
     const bool removed = graph.nodes.erase(id) + graph.ports.erase(id) + graph.clients.erase(id) +
                              graph.links.erase(id) >
                          0;
-    if (state->defaultMetadata == id) {
-      state->defaultMetadata.reset();
+    graph.streamTargets.erase(id);
+    if (graph.defaultMetadata == id) {
+      graph.defaultMetadata.reset();
       graph.defaultSinkName.reset();
       graph.defaultSourceName.reset();
+      graph.streamTargets.clear();
     } else if (!removed) {
       return;
     }

@@ -76,6 +76,9 @@ struct PipeWireGraph {
   // node.name of the default sink and source, from the "default" metadata.
   std::optional<std::string> defaultSinkName;
   std::optional<std::string> defaultSourceName;
+  // The "default" metadata object, and the target.object it gives each stream that has one.
+  std::optional<std::uint32_t> defaultMetadata;
+  std::map<std::uint32_t, std::string> streamTargets;
   bool operator==(const PipeWireGraph&) const = default;
 
   // Which ports of a node: its own channels, the monitors that copy what a sink plays, or both.

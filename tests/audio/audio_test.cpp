@@ -1,0 +1,84 @@
+// The pieces of the audio programs that need no server: the hand-over of controls to the audio
+// thread, the helpers' environment texts and the gain stage.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "common/gain_stage.hpp"
+#include "common/latest_value.hpp"
+
+namespace brisola::audio {
+namespace {
+
+TEST(LatestValue, TheAudioThreadNeverSeesATornOrAnOlderValue) {
+  struct Value {
+    std::uint64_t sequence = 0;
+    std::array<std::uint64_t, 128> copies{};
+  };
+  LatestValue<Value> latest;
+  constexpr std::uint64_t writes = 200'000;
+  std::thread writer([&] {
+    Value value;
+    for (std::uint64_t n = 1; n <= writes; ++n) {
+      value.sequence = n;
+      value.copies.fill(n);
+      latest.write(value);
+    }
+  });
+  std::uint64_t last = 0;
+  std::uint64_t torn = 0;
+  std::uint64_t backwards = 0;
+  while (last < writes) {
+    const Value& value = latest.read();
+    for (auto copy : value.copies) torn += copy != value.sequence;
+    backwards += value.sequence < last;
+    last = value.sequence;
+  }
+  writer.join();
+  EXPECT_EQ(torn, 0u);
+  EXPECT_EQ(backwards, 0u);
+}
+
+TEST(HelperTexts, RoutesAndGainsParseExactlyOrNotAtAll) {
+  using Routes = std::vector<RuntimeChannelRoute>;
+  EXPECT_EQ(parseRoutes(""), Routes{});
+  EXPECT_EQ(parseRoutes("2:1,1:2,1:2"), (Routes{{2, 1}, {1, 2}, {1, 2}}));
+  for (const char* bad : {"1:1,", ",1:1", "1", "1:", ":1", "a:1", "1:1;2:2", " 1:1", "1:1 "}) {
+    EXPECT_EQ(parseRoutes(bad), std::nullopt) << bad;
+  }
+  EXPECT_EQ(parseGains(""), std::vector<float>{});
+  EXPECT_EQ(parseGains("1.0,0.5,1e-05"), (std::vector<float>{1.0f, 0.5f, 1e-05f}));
+  for (const char* bad : {"1.0,", "x", "1.0,,0.5", "0.5dB"}) {
+    EXPECT_EQ(parseGains(bad), std::nullopt) << bad;
+  }
+}
+
+TEST(GainStage, RoutesGainsAndTheAddedSignalMeetAsWritten) {
+  GainStage stage;
+  stage.gain = 0.5f;
+  stage.inputGains[1] = 0.25f;
+  stage.outputGains[0] = 2.0f;
+  // Channel 0 and 65 do not exist: left out rather than read out of bounds.
+  const std::vector<RuntimeChannelRoute> routes{{1, 2}, {2, 1}, {2, 2}, {0, 1}, {65, 1}, {1, 65}};
+  stage.setRoutes(routes);
+  EXPECT_EQ(stage.routeCount, 3u);
+  EXPECT_EQ(stage.inputChannelsUsed(), 2u);
+
+  const float left[] = {1.0f, -1.0f};
+  const float right[] = {4.0f, 8.0f};
+  const float extra[] = {0.5f, 0.5f};
+  float out0[2];
+  float out1[2];
+  const float* in[] = {left, right};
+  const float* add[] = {extra, nullptr};  // a port without a buffer is silence
+  float* out[] = {out0, out1};
+  render(stage, in, add, out, 2);
+  // out0 = 2 · (0.5 · 0.25 · right + extra); out1 = 0.5 · left + 0.5 · 0.25 · right
+  EXPECT_THAT(out0, ::testing::ElementsAre(2.0f, 3.0f));
+  EXPECT_THAT(out1, ::testing::ElementsAre(1.0f, 0.5f));
+}
+
+}  // namespace
+}  // namespace brisola::audio
