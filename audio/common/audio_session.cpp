@@ -95,6 +95,7 @@ void LinkSet::set(const std::set<Pair>& wanted) {
         session_, "link-factory", PW_TYPE_INTERFACE_Link, PW_VERSION_LINK,
         PipeWireProperties{{PW_KEY_LINK_OUTPUT_PORT, std::to_string(pair.first)},
                            {PW_KEY_LINK_INPUT_PORT, std::to_string(pair.second)},
+                           {PW_KEY_LINK_PASSIVE, passive_ ? "true" : "false"},
                            {PW_KEY_OBJECT_LINGER, "false"}});
   }
 }

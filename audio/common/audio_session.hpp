@@ -59,7 +59,10 @@ class ServerObject {
 class LinkSet {
  public:
   using Pair = std::pair<std::uint32_t, std::uint32_t>;  // output port, input port
-  explicit LinkSet(AudioSession& session) : session_(session) {}
+  // Passive links never make the graph run by themselves: only while something else (a
+  // player, a recorder, a helper) keeps the nodes they join running.
+  explicit LinkSet(AudioSession& session, bool passive = false)
+      : session_(session), passive_(passive) {}
   void set(const std::set<Pair>& wanted);
   void clear() { links_.clear(); }
   // Every link has been removed by the server (with a port or node at either end).
@@ -67,6 +70,7 @@ class LinkSet {
 
  private:
   AudioSession& session_;
+  bool passive_;
   std::map<Pair, std::unique_ptr<ServerObject>> links_;
 };
 

@@ -101,7 +101,8 @@ VirtualDevice::VirtualDevice(AudioSession& session, Mixer& mixer,
           session, "adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE,
           nullNode(controls, PipeWireKeys::mixRole, "Audio/Source/Virtual", controls.uid + ".mix",
                    positions_))),
-      links_(session) {
+      // A device that nothing plays into and nothing records from costs nothing.
+      links_(session, true) {
   auto& filter = mixer_.filter();
   for (std::size_t c = 0; c < channels_; ++c) {
     const auto& position = positions_[c];

@@ -1,8 +1,10 @@
-// What brisola-virtual-devices costs with 16 stereo devices carrying audio at 48 kHz (CPU time of
-// its process over a stretch of playing, at the graph's default quantum), and the latency its
-// mixer adds: where a tone starts in the mix against where it starts in the entrance's own
-// monitor, recorded in the same graph cycles. On a private PipeWire; the control block is the
-// real one, so do not run it beside a running service.
+// What the audio programs cost, on a private PipeWire at the graph's default quantum, as CPU
+// time of each process over ten seconds of stereo sound at 48 kHz:
+// - brisola-virtual-devices with 16 devices carrying sound, and the latency its mixer adds
+//   (where a tone starts in a device's mix against where it starts in its entrance's own
+//   monitor, as positions of the driver's clock);
+// - each helper moving a tone: an application captured, a microphone read, a mix played.
+// The control block is the real one: do not run it beside a running service.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -102,6 +104,13 @@ int main() {
   for (int i = 0; i < 16; ++i) devices.push_back(stereo("bench" + std::to_string(i)));
   RuntimeControlStoreV3::publish(devices);
   if (!waitForDevices(16)) return std::puts("the devices did not appear"), 1;
+  {
+    std::this_thread::sleep_for(1s);
+    const double idleBefore = cpuSeconds(program->pid());
+    std::this_thread::sleep_for(10s);
+    std::printf("16 devices, silent and unused: %.2f%% of one core\n",
+                10 * (cpuSeconds(program->pid()) - idleBefore));
+  }
   std::vector<std::unique_ptr<testing::AudioProbe::Stream>> streams;
   for (const auto& device : devices) {
     streams.push_back(probe.play({.target = device.uid, .amplitudes = {0.5, 0.5}}));
@@ -117,6 +126,59 @@ int main() {
   std::printf("16 stereo devices: %.3f s of CPU in %.1f s = %.2f%% of one core\n", used, elapsed,
               100 * used / elapsed);
   streams.clear();
+
+  // The helpers, each moving a tone, all at once.
+  RuntimeControlStoreV3::publish({stereo("helped")});
+  if (!waitForDevices(1)) return std::puts("the device did not appear"), 1;
+  server.createNode({.name = "speakers"});
+  server.createNode({.name = "elsewhere"});
+  server.createNode({.name = "mic", .mediaClass = "Audio/Source/Virtual"});
+  testing::TempDir files;
+  testing::writeToneWav(files / "tone.wav", 2, 1000, 0.5, 60);
+  auto app = server.start({"pw-play", "--target", "elsewhere", (files / "tone.wav").string()});
+  auto micTone = probe.play({.amplitudes = {0.5, 0.5}, .name = "mic-tone"});
+  testing::eventually([&] { return server.nodeID("mic-tone") != 0; }, 5s, 20ms);
+  server.linkChannels("mic-tone", "mic");
+  auto helper = [&](const char* name, std::map<std::string, std::string> variables) {
+    std::vector<std::string> argv{"/usr/bin/env"};
+    for (const auto& [key, value] : variables) argv.push_back(key + "=" + value);
+    argv.push_back((testing::buildDirectory() / "service" / name).string());
+    return server.start(argv);
+  };
+  std::vector<std::pair<std::string, std::unique_ptr<testing::TiedProcess>>> helpers;
+  helpers.emplace_back(
+      "brisola-process-tap",
+      helper("brisola-process-tap", {{"BRISOLA_TAP_OUTPUT_UID", "helped"},
+                                     {"BRISOLA_TAP_SOURCE_ID", "s1"},
+                                     {"BRISOLA_TAP_MODE", "application"},
+                                     {"BRISOLA_TAP_PID", std::to_string(app->pid())},
+                                     {"BRISOLA_TAP_ROUTES", "1:1,2:2"}}));
+  helpers.emplace_back("brisola-hardware-source",
+                       helper("brisola-hardware-source", {{"BRISOLA_SOURCE_INPUT_UID", "mic"},
+                                                          {"BRISOLA_SOURCE_ID", "s2"},
+                                                          {"BRISOLA_SOURCE_OUTPUT_UID", "helped"},
+                                                          {"BRISOLA_SOURCE_ROUTES", "1:1,2:2"}}));
+  helpers.emplace_back("brisola-monitor",
+                       helper("brisola-monitor", {{"BRISOLA_MONITOR_INPUT_UID", "helped"},
+                                                  {"BRISOLA_MONITOR_ID", "m1"},
+                                                  {"BRISOLA_MONITOR_OUTPUT_UID", "speakers"},
+                                                  {"BRISOLA_MONITOR_ROUTES", "1:1,2:2"}}));
+  auto speakers = probe.record({.target = "speakers", .sinkMonitor = true, .seconds = 1});
+  std::this_thread::sleep_for(2s);
+  std::vector<double> helperBefore;
+  for (auto& [name, process] : helpers) helperBefore.push_back(cpuSeconds(process->pid()));
+  const auto helperStart = std::chrono::steady_clock::now();
+  std::this_thread::sleep_for(10s);
+  const double helperElapsed =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - helperStart).count();
+  const auto level = speakers->recentLevels(100ms);
+  for (std::size_t i = 0; i < helpers.size(); ++i) {
+    const double spent = cpuSeconds(helpers[i].second->pid()) - helperBefore[i];
+    std::printf("%s: %.3f s of CPU in %.1f s = %.2f%% of one core%s\n", helpers[i].first.c_str(),
+                spent, helperElapsed, 100 * spent / helperElapsed,
+                helpers[i].second->running() ? "" : " (it stopped!)");
+  }
+  std::printf("the speakers heard %.1f dBFS\n", level[0]);
   program->stop();
   ::shm_unlink("/brisolaruntime3");
   return 0;
