@@ -7,14 +7,12 @@
 // The control block is the real one: do not run it beside a running service.
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <sstream>
 #include <thread>
 
 #include "brisola/devices/core_audio_device_registry.hpp"
@@ -29,17 +27,17 @@ namespace {
 using namespace brisola;
 using namespace std::chrono_literals;
 
+// CPU time of every thread of a process, to the nanosecond (scheduler statistics).
 double cpuSeconds(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-  std::istringstream fields(text.substr(text.rfind(')') + 2));
-  std::string field;
-  unsigned long long user = 0, system = 0;
-  for (int i = 3; i <= 15 && fields >> field; ++i) {
-    if (i == 14) user = std::stoull(field);
-    if (i == 15) system = std::stoull(field);
+  double total = 0;
+  const auto tasks = std::filesystem::path("/proc") / std::to_string(pid) / "task";
+  std::error_code error;
+  for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+    std::ifstream schedstat(task.path() / "schedstat");
+    double nanoseconds = 0;
+    if (schedstat >> nanoseconds) total += nanoseconds / 1e9;
   }
-  return static_cast<double>(user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+  return total;
 }
 
 RuntimeDeviceControls stereo(const std::string& uid) {
