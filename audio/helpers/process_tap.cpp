@@ -7,20 +7,15 @@
 
 #include <pipewire/pipewire.h>
 
-#include <charconv>
-
 #include "helpers/helper.hpp"
 
 namespace brisola::audio {
 namespace {
 
 std::int32_t parsePID(const std::string& name, const std::string& text) {
-  std::int32_t pid = 0;
-  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), pid);
-  if (error != std::errc() || end != text.data() + text.size() || pid < 1) {
-    throw HelperError(name + " is not a process identifier: \"" + text + "\"");
-  }
-  return pid;
+  const auto pid = propertyNumber<std::int32_t>(text);
+  if (!pid || *pid < 1) throw HelperError(name + " is not a process identifier: \"" + text + "\"");
+  return *pid;
 }
 
 class ProcessTapRoute final : public HelperRoute {
@@ -93,11 +88,9 @@ class ProcessTapRoute final : public HelperRoute {
     const std::string pid = std::to_string(*pid_);
     for (const auto& [id, node] : graph.nodes) {
       if (node.property("media.class") != "Stream/Output/Audio") continue;
-      std::uint32_t client = 0;
-      const auto text = node.property("client.id").value_or("");
-      if (std::from_chars(text.data(), text.data() + text.size(), client).ec != std::errc())
-        continue;
-      auto owner = graph.clients.find(client);
+      const auto client = propertyNumber<std::uint32_t>(node.property("client.id"));
+      if (!client) continue;
+      auto owner = graph.clients.find(*client);
       if (owner == graph.clients.end()) continue;
       const auto processID = owner->second.property("application.process.id");
       if (processID == pid || (!processID && owner->second.property("pipewire.sec.pid") == pid)) {

@@ -3,7 +3,6 @@
 #include <pipewire/pipewire.h>
 
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -16,14 +15,6 @@
 namespace brisola {
 
 namespace {
-
-std::optional<std::int32_t> parsePID(std::optional<std::string_view> text) {
-  if (!text) return std::nullopt;
-  std::int32_t value = 0;
-  auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), value);
-  if (error != std::errc() || end != text->data() + text->size()) return std::nullopt;
-  return value;
-}
 
 std::optional<std::string> text(std::optional<std::string_view> value) {
   if (!value) return std::nullopt;
@@ -124,10 +115,8 @@ HardwareDescription describeHardware(const PipeWireGraph& graph) {
   std::set<std::uint32_t> playingClients;
   for (const auto& [id, node] : graph.nodes) {
     if (!playsAudio(node)) continue;
-    std::uint32_t client = 0;
-    const auto value = node.property("client.id").value_or("");
-    if (std::from_chars(value.data(), value.data() + value.size(), client).ec == std::errc()) {
-      playingClients.insert(client);
+    if (auto client = propertyNumber<std::uint32_t>(node.property("client.id"))) {
+      playingClients.insert(*client);
     }
   }
   for (const auto& [id, client] : graph.clients) {
@@ -137,8 +126,8 @@ HardwareDescription describeHardware(const PipeWireGraph& graph) {
     if (!playingClients.contains(id) || id <= kAudioObjectSystemObject) continue;
     // A sandboxed application's own idea of its PID means nothing outside the sandbox; the
     // socket's credentials are the fallback when the client does not say.
-    auto pid = parsePID(client.property("application.process.id"));
-    if (!pid) pid = parsePID(client.property("pipewire.sec.pid"));
+    auto pid = propertyNumber<std::int32_t>(client.property("application.process.id"));
+    if (!pid) pid = propertyNumber<std::int32_t>(client.property("pipewire.sec.pid"));
     auto bundleID = text(client.property("application.id"));
     if (!bundleID) bundleID = text(client.property("application.process.binary"));
     description.processes->push_back(

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
@@ -18,14 +17,6 @@ std::optional<std::string_view> lookup(const PipeWireProperties& properties, std
   auto found = properties.find(key);
   if (found == properties.end()) return std::nullopt;
   return std::string_view(found->second);
-}
-
-std::optional<std::uint32_t> parseID(std::optional<std::string_view> text) {
-  if (!text) return std::nullopt;
-  std::uint32_t value = 0;
-  auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), value);
-  if (error != std::errc() || end != text->data() + text->size()) return std::nullopt;
-  return value;
 }
 
 void merge(PipeWireProperties& properties, const spa_dict* dict) {
@@ -64,7 +55,7 @@ std::optional<std::string_view> PipeWireClient::property(std::string_view key) c
 }
 
 std::uint32_t PipeWirePort::index() const {
-  return parseID(property("port.id")).value_or(id);
+  return propertyNumber<std::uint32_t>(property("port.id")).value_or(id);
 }
 
 std::vector<const PipeWirePort*> PipeWireGraph::portsOf(std::uint32_t node,
@@ -196,7 +187,7 @@ struct PipeWireGraphWatch::State {
       state->graph.nodes[id] = PipeWireNode{.id = id, .properties = std::move(properties)};
       state->bind(id, PW_TYPE_INTERFACE_Node, PW_VERSION_NODE, &nodeEvents);
     } else if (kind == PW_TYPE_INTERFACE_Port) {
-      auto node = parseID(lookup(properties, PW_KEY_NODE_ID));
+      auto node = propertyNumber<std::uint32_t>(lookup(properties, PW_KEY_NODE_ID));
       if (!node) return;
       const auto direction = lookup(properties, PW_KEY_PORT_DIRECTION) == "out"
                                  ? PipeWireDirection::output
@@ -207,7 +198,9 @@ struct PipeWireGraphWatch::State {
       state->graph.clients[id] = PipeWireClient{.id = id, .properties = std::move(properties)};
       state->bind(id, PW_TYPE_INTERFACE_Client, PW_VERSION_CLIENT, &clientEvents);
     } else if (kind == PW_TYPE_INTERFACE_Link) {
-      auto number = [&](const char* key) { return parseID(lookup(properties, key)).value_or(0); };
+      auto number = [&](const char* key) {
+        return propertyNumber<std::uint32_t>(lookup(properties, key)).value_or(0);
+      };
       state->graph.links[id] = PipeWireLink{.id = id,
                                             .outputNode = number(PW_KEY_LINK_OUTPUT_NODE),
                                             .outputPort = number(PW_KEY_LINK_OUTPUT_PORT),

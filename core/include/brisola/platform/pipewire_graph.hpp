@@ -5,6 +5,7 @@
 // caller owns and runs. The hardware layer's PipeWire back end and the audio programs share
 // both, so they agree on what a device, a port or a default is.
 
+#include <charconv>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -19,6 +20,16 @@ struct pw_core;
 namespace brisola {
 
 using PipeWireProperties = std::map<std::string, std::string, std::less<>>;
+
+// A property's text as a whole number of type T, when it is exactly one.
+template <class T>
+std::optional<T> propertyNumber(std::optional<std::string_view> text) {
+  if (!text) return std::nullopt;
+  T value{};
+  auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), value);
+  if (error != std::errc() || end != text->data() + text->size()) return std::nullopt;
+  return value;
+}
 
 // Properties that Brisola's own PipeWire objects carry.
 namespace PipeWireKeys {
