@@ -38,6 +38,16 @@ RuntimeDeviceControls device(std::string uid,
                                false, 1.0f, std::move(routes));
 }
 
+bool matches(const std::vector<double>& measured, const std::vector<double>& amplitudes) {
+  for (std::size_t c = 0; c < amplitudes.size(); ++c) {
+    if (amplitudes[c] == 0 ? measured[c] >= silence
+                           : std::abs(measured[c] - sineLevel(amplitudes[c])) > 0.1) {
+      return false;
+    }
+  }
+  return true;
+}
+
 // Each measured level within 0.1 dB of a sine of the expected amplitude, or silent for 0.
 void expectLevels(const std::vector<double>& measured, const std::vector<double>& amplitudes) {
   ASSERT_EQ(measured.size(), amplitudes.size());
@@ -49,6 +59,19 @@ void expectLevels(const std::vector<double>& measured, const std::vector<double>
       EXPECT_NEAR(measured[c], sineLevel(amplitudes[c]), 0.1);
     }
   }
+}
+
+// The levels of 100 ms of sound after `settle`. A loaded machine may drop a graph cycle now
+// and then: a window that misses is measured again, twice at most; a wrong mix misses every
+// time.
+std::vector<double> settled(const AudioProbe::Recorder& recorder,
+                            const std::vector<double>& amplitudes,
+                            std::chrono::milliseconds settle = 150ms) {
+  auto levels = recorder.levelsAfter(settle, 100ms);
+  for (int retry = 0; retry < 2 && !matches(levels, amplitudes); ++retry) {
+    levels = recorder.levelsAfter(0ms, 100ms);
+  }
+  return levels;
 }
 
 class VirtualDevices : public ::testing::Test {
@@ -143,7 +166,7 @@ TEST_F(VirtualDevices, MixFollowsEveryControlOfItsSlot) {
     auto controls = device("d1");
     row.change(controls);
     RuntimeControlStoreV3::publish({controls});
-    expectLevels(mix->levelsAfter(150ms, 100ms), row.amplitudes);
+    expectLevels(settled(*mix, row.amplitudes), row.amplitudes);
   }
 }
 
@@ -188,11 +211,11 @@ TEST_F(VirtualDevices, HelpersEntranceSkipsThePassThruStageButNotTheDevice) {
   server_->link("helper-tone:output_FL", "brisola-mixer:d1/helper_FL");
   server_->link("helper-tone:output_FR", "brisola-mixer:d1/helper_FR");
   auto mix = probe_.record({.target = "d1.mix"});
-  expectLevels(mix->levelsAfter(200ms, 100ms), {0.25, 0.125});
+  expectLevels(settled(*mix, {0.25, 0.125}, 200ms), {0.25, 0.125});
 
   controls.deviceEnabled = false;
   RuntimeControlStoreV3::publish({controls});
-  expectLevels(mix->levelsAfter(150ms, 100ms), {0, 0});
+  expectLevels(settled(*mix, {0, 0}), {0, 0});
 }
 
 TEST_F(VirtualDevices, SixteenDevicesAndARemovedSlotLeavesTheOthersPlaying) {
