@@ -103,19 +103,5 @@ TEST(RouteMap, EnvironmentText) {
   EXPECT_EQ(RuntimeRouteMap::defaultStereoEnvironmentValue(), "1:1,2:2");
 }
 
-TEST(RouteMap, JSONFormHasExactlyTheTwoRequiredKeys) {
-  EXPECT_EQ(encodeJSON(R{3, 1}), "{\n  \"outputChannel\": 1,\n  \"sourceChannel\": 3\n}");
-  EXPECT_EQ(decodeJSON<R>(R"({"sourceChannel": 7, "outputChannel": 2})"), (R{7, 2}));
-  for (const char* text : {R"({"sourceChannel": 7})", R"({"outputChannel": 2})"}) {
-    SCOPED_TRACE(text);
-    try {
-      decodeJSON<R>(text);
-      ADD_FAILURE() << "decoded";
-    } catch (const DecodingError& error) {
-      EXPECT_EQ(error.kind(), DecodingError::Kind::keyNotFound);
-    }
-  }
-}
-
 }  // namespace
 }  // namespace brisola
