@@ -70,17 +70,15 @@ class ServiceProcess : public ::testing::Test {
                     {"BRISOLA_HELPER_DIR", (dir_ / "helpers").string()},
                     {"HELPER_RECORDS", (dir_ / "records").string()}};
     fs::create_directories(dir_ / "records");
-  }
-
-  // Every helper as the same shell script. The default, without any signal handler, records
-  // its process id and route variables, then sleeps.
-  void installHelpers(const std::string& body =
-                          "env | grep '^BRISOLA_\\(MONITOR\\|SOURCE\\|TAP\\)_' | sort > "
-                          "\"$HELPER_RECORDS/$$.tmp\"\n"
-                          "mv \"$HELPER_RECORDS/$$.tmp\" \"$HELPER_RECORDS/$$.env\"\n"
-                          "exec sleep 1000\n") {
+    // Every helper is the same shell script without any signal handler: it records its process
+    // id and route variables, then sleeps.
     for (const char* name : {"brisola-monitor", "brisola-hardware-source", "brisola-process-tap"}) {
-      testing::writeExecutable(dir_ / "helpers" / name, "#!/bin/sh\n" + body);
+      testing::writeExecutable(dir_ / "helpers" / name,
+                               "#!/bin/sh\n"
+                               "env | grep '^BRISOLA_\\(MONITOR\\|SOURCE\\|TAP\\)_' | sort > "
+                               "\"$HELPER_RECORDS/$$.tmp\"\n"
+                               "mv \"$HELPER_RECORDS/$$.tmp\" \"$HELPER_RECORDS/$$.env\"\n"
+                               "exec sleep 1000\n");
     }
   }
 
@@ -130,7 +128,6 @@ ConfigSnapshot studioDocument() {
 }
 
 TEST_F(ServiceProcess, DryRunPrintsControlsAndRoutesWithoutTouchingAnything) {
-  installHelpers();
   ConfigSnapshot snapshot = studioDocument();
   DeviceConfig off = testing::stereoDevice("d2", "Off");
   off.enabled = false;
@@ -170,7 +167,6 @@ TEST_F(ServiceProcess, MissingHelperIsFatalAndNamedAlone) {
 }
 
 TEST_F(ServiceProcess, BrokenDocumentFailsEveryCycleWhileTheHeartbeatMoves) {
-  installHelpers();
   writeFile(dir_ / "config.json", "{\"schemaVersion\": 2}");
   auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
   ASSERT_TRUE(service->waitForOutput("Reconcile failed: ", 5s, 2)) << service->standardOutput();
@@ -193,7 +189,6 @@ TEST_F(ServiceProcess, BrokenDocumentFailsEveryCycleWhileTheHeartbeatMoves) {
 }
 
 TEST_F(ServiceProcess, StopSignalCutsALongSleepShort) {
-  installHelpers();
   writeDocument(ConfigSnapshot::empty());
   for (int signal : {SIGTERM, SIGINT}) {
     auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "inf"}});
@@ -230,7 +225,6 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
 }
 
 TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {
-  installHelpers();
   writeDocument(studioDocument());
   auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
   fs::path records = dir_ / "records";

@@ -7,6 +7,7 @@
 
 #include "brisola/model/json_coding.hpp"
 #include "support/documents.hpp"
+#include "support/thrown.hpp"
 
 namespace brisola {
 namespace {
@@ -36,13 +37,8 @@ std::string changed(const std::function<void(Json&)>& change) {
 }
 
 DecodingError decodeFailure(const std::string& text) {
-  try {
-    decodeJSON<ConfigSnapshot>(text);
-  } catch (const DecodingError& error) {
-    return error;
-  }
-  ADD_FAILURE() << "decoding succeeded: " << text;
-  return DecodingError(DecodingError::Kind::dataCorrupted, "", "");
+  return testing::thrown<DecodingError>([&] { decodeJSON<ConfigSnapshot>(text); })
+      .value_or(DecodingError(DecodingError::Kind::dataCorrupted, "(none)", ""));
 }
 
 // Checks that every object's keys appear in sorted order in the written text.

@@ -14,6 +14,7 @@
 #include "brisola/runtime/control_store.hpp"
 #include "brisola/store/config_store.hpp"
 #include "support/documents.hpp"
+#include "support/thrown.hpp"
 
 namespace brisola {
 namespace {
@@ -40,13 +41,9 @@ void expectForm(const T& sample, const Keys& required, const Keys& optional = {}
       EXPECT_NO_THROW(decodeJSON<T>(missing.dump()));
       continue;
     }
-    try {
-      decodeJSON<T>(missing.dump());
-      ADD_FAILURE() << "decoded";
-    } catch (const DecodingError& error) {
-      EXPECT_EQ(error.kind(), DecodingError::Kind::keyNotFound);
-      EXPECT_EQ(error.path(), key);
-    }
+    const auto error = testing::thrown<DecodingError>([&] { decodeJSON<T>(missing.dump()); });
+    EXPECT_EQ(error.value_or(DecodingError({}, "(none)", "")),
+              DecodingError(DecodingError::Kind::keyNotFound, key, "the required key is missing"));
   }
 }
 
@@ -129,12 +126,8 @@ TEST(JSONForms, EnumerationsAreSpelledExactlyAndNoOtherWay) {
 }
 
 std::string decodingFailure(const std::string& text) {
-  try {
-    decodeJSON<Wire>(text);
-  } catch (const DecodingError& error) {
-    return error.what();
-  }
-  return "decoded";
+  const auto error = testing::thrown<DecodingError>([&] { decodeJSON<Wire>(text); });
+  return error ? error->what() : "decoded";
 }
 
 TEST(ErrorTexts, EveryErrorDescribesItselfInFull) {
@@ -172,12 +165,8 @@ TEST(ErrorTexts, EveryErrorDescribesItselfInFull) {
       {[] {
          ConfigSnapshot snapshot = testing::richSnapshot();
          snapshot.devices[1].sources[0].channelGains = std::vector<double>{1.0, std::nan("")};
-         try {
-           encodeJSON(snapshot);
-         } catch (const EncodingError& error) {
-           return std::string(error.what());
-         }
-         return std::string("encoded");
+         const auto error = testing::thrown<EncodingError>([&] { encodeJSON(snapshot); });
+         return std::string(error ? error->what() : "encoded");
        }(),
        "Cannot write JSON at devices[1].sources[0].channelGains[1]: the number nan cannot be "
        "written as JSON."},

@@ -9,6 +9,7 @@
 #include "brisola_runtime_support.h"
 #include "shm_test_support.hpp"
 #include "support/documents.hpp"
+#include "support/thrown.hpp"
 
 namespace brisola {
 namespace {
@@ -24,12 +25,8 @@ class FixedObject : public ::testing::Test {
 };
 
 TEST_F(FixedObject, ReadsWhatTheServicePublishedAndNothingBefore) {
-  try {
-    store::read();
-    ADD_FAILURE() << "read succeeded";
-  } catch (const RuntimeControlStoreError& error) {
-    EXPECT_EQ(error, RuntimeControlStoreError::openFailed(ENOENT));
-  }
+  EXPECT_EQ(testing::thrown<RuntimeControlStoreError>([] { store::read(); }),
+            RuntimeControlStoreError::openFailed(ENOENT));
   ConfigSnapshot snapshot;
   snapshot.devices = {testing::stereoDevice("studio", "Studio"), testing::stereoDevice("p", "P")};
   RuntimePublisher::publish(snapshot);
