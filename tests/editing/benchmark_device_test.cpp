@@ -5,7 +5,6 @@
 
 #include "editing/edit_expectations.hpp"
 #include "support/documents.hpp"
-#include "support/source_builders.hpp"
 
 namespace brisola {
 namespace {

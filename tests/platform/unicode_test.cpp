@@ -1,7 +1,4 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <algorithm>
 
 #include "brisola/platform/unicode.hpp"
 
@@ -57,20 +54,6 @@ TEST(Unicode, DecodingReplacesEachMaximalInvalidSubsequence) {
   EXPECT_EQ(decodingUTF8Replacing(std::string("a\0b", 3)), std::string("a\0b", 3));
   EXPECT_TRUE(isValidUTF8("\u00E9\U0001F600"));
   EXPECT_FALSE(isValidUTF8("\xFF"));
-}
-
-TEST(Unicode, LowercasingIsFullUnicode) {
-  EXPECT_EQ(lowercased("Speaker DAEMONstration"), "speaker daemonstration");
-  EXPECT_EQ(lowercased("\u00C9COUTE"), "\u00E9coute");
-}
-
-TEST(Unicode, FileBrowserOrderComparesDigitRunsByValueAndIgnoresCase) {
-  LocalizedStandardOrder order;
-  EXPECT_LT(order.compare("mic 9", "Mic 10"), 0);
-  EXPECT_EQ(order.compare("Speakers", "speakers"), 0);
-  std::vector<std::string> names{"zeta", "Alpha 10", "Alpha 2", "alpha 1"};
-  std::stable_sort(names.begin(), names.end(), order);
-  EXPECT_THAT(names, ::testing::ElementsAre("alpha 1", "Alpha 2", "Alpha 10", "zeta"));
 }
 
 }  // namespace

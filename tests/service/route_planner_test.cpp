@@ -4,7 +4,6 @@
 #include "service/route_planner.hpp"
 #include "service/service_log.hpp"
 #include "support/documents.hpp"
-#include "support/source_builders.hpp"
 
 namespace brisola {
 namespace {

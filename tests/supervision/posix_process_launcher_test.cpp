@@ -72,8 +72,6 @@ class IgnoredAndBlockedSigterm {
     ::pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr);
     ::sigaction(SIGTERM, &previousAction_, nullptr);
   }
-  IgnoredAndBlockedSigterm(const IgnoredAndBlockedSigterm&) = delete;
-  IgnoredAndBlockedSigterm& operator=(const IgnoredAndBlockedSigterm&) = delete;
 
  private:
   struct sigaction previousAction_ {};

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "brisola/validation/validation.hpp"
-#include "support/source_builders.hpp"
+#include "support/documents.hpp"
 #include "validation/validation_test_support.hpp"
 
 namespace brisola {
