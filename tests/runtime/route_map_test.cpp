@@ -95,13 +95,5 @@ TEST(RouteMap, RoutesKeepWireOrderAndDuplicatesAndStopAt256) {
   EXPECT_EQ(RuntimeRouteMap::sourceRoutes("src", deviceWith({}), 2).size(), 0u);
 }
 
-TEST(RouteMap, EnvironmentText) {
-  EXPECT_EQ(RuntimeRouteMap::environmentValue({}), "");
-  EXPECT_EQ(RuntimeRouteMap::environmentValue({{2, 1}, {1, 2}, {1, 2}}), "2:1,1:2,1:2");
-  EXPECT_EQ(RuntimeRouteMap::environmentValue({{10, 64}, {128, 1}}), "10:64,128:1");
-  EXPECT_THAT(RuntimeRouteMap::defaultStereoRoutes(), ElementsAre(R{1, 1}, R{2, 2}));
-  EXPECT_EQ(RuntimeRouteMap::defaultStereoEnvironmentValue(), "1:1,2:2");
-}
-
 }  // namespace
 }  // namespace brisola
