@@ -120,46 +120,36 @@ TEST_F(SimulatedHardwareTest, OneSnapshotIsOneReadAndKeepsItsViewWhileTheFileCha
 
 TEST_F(SimulatedHardwareTest, BrokenOrMissingHardwareGivesEmptyAnswersAndSaysWhy) {
   struct Row {
-    const char* label;
     std::optional<std::string> variable;  // nullopt: unset; "<file>": the test's file
     std::optional<std::string> contents;  // nullopt: no file
     std::vector<std::string> reasonParts;
   };
   const std::string f = "<file>";
   const std::vector<Row> rows{
-      {"variable unset", std::nullopt, std::nullopt, {"No audio hardware layer", kVariable}},
-      {"missing file", f, std::nullopt, {f, "No such file or directory"}},
-      {"directory", "<dir>", std::nullopt, {"<dir>", "Is a directory"}},
-      {"not JSON", f, "{\"devices\": [", {f, "is malformed", "not valid JSON"}},
-      {"not an object", f, "[]", {"is malformed", "the top level", "an object"}},
-      {"object ID missing",
-       f,
-       R"({"devices": [{"uid": "x"}]})",
-       {"devices[0].objectID", "required key is missing"}},
-      {"object ID beyond 32 bits",
-       f,
-       R"({"devices": [{"objectID": 4294967296}]})",
-       {"devices[0].objectID", "unsigned 32-bit"}},
-      {"object ID used twice",
-       f,
+      {std::nullopt, std::nullopt, {"No audio hardware layer", kVariable}},
+      {f, std::nullopt, {f, "No such file or directory"}},
+      {"<dir>", std::nullopt, {"<dir>", "Is a directory"}},
+      {f, "{\"devices\": [", {f, "is malformed", "not valid JSON"}},
+      {f, "[]", {"is malformed", "the top level", "an object"}},
+      {f, R"({"devices": [{"uid": "x"}]})", {"devices[0].objectID", "required key is missing"}},
+      {f, R"({"devices": [{"objectID": 4294967296}]})", {"devices[0].objectID", "unsigned 32"}},
+      {f, R"({"processes": [{"objectID": 1}]})", {"processes[0].objectID", "system object"}},
+      {f,
        R"({"devices": [{"objectID": 41}], "processes": [{"objectID": 41}]})",
        {"processes[0].objectID", "already used at devices[0].objectID"}},
-      {"channel name not text",
-       f,
+      {f,
        R"({"devices": [{"objectID": 41, "inputChannelNames": [3]}]})",
        {"devices[0].inputChannelNames[0]", "a string"}},
-      {"unknown policy",
-       f,
+      {f,
        R"({"applications": [{"pid": 1, "activationPolicy": "x"}]})",
        {"applications[0].activationPolicy", "\"x\""}},
-      {"pid listed twice",
-       f,
+      {f,
        R"({"applications": [{"pid": 1, "activationPolicy": "regular"},
-                            {"pid": 1, "activationPolicy": "regular"}]})",
+                                {"pid": 1, "activationPolicy": "regular"}]})",
        {"applications[1].pid"}},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
+    SCOPED_TRACE(row.variable.value_or("unset") + " " + row.contents.value_or("(no file)"));
     TempDir dir;
     const auto file = dir / "hardware.json";
     auto resolve = [&](std::string text) {

@@ -11,6 +11,7 @@
 #include "brisola/ipc/exchange_records.hpp"
 #include "brisola/store/config_store.hpp"
 #include "support/documents.hpp"
+#include "support/thrown.hpp"
 #include "tools/ctl_fixture.hpp"
 
 namespace brisola::testing {
@@ -69,21 +70,14 @@ TEST_F(CtlTest, QueriesPrintWhatTheLibraryReturnsAndNeverWrite) {
 TEST_F(CtlTest, ValidateTellsValidFromInvalidFromUnreadable) {
   ConfigSnapshot invalid = editableDocument();
   invalid.devices[0].volume = 5.0;
-  const auto failure = [](const std::function<void()>& load) {
-    try {
-      load();
-    } catch (const std::exception& error) {
-      return "brisolactl: " + std::string(error.what()) + "\n";
-    }
-    return std::string("loaded");
-  };
+  const auto undecodable = thrown<DecodingError>([] { decodeJSON<ConfigSnapshot>("[]"); });
   const std::vector<std::tuple<std::function<void()>, int, std::string>> rows{
       {[&] { writeDocument(ConfigSnapshot::empty()); }, 0, ""},
       {[&] { writeDocument(invalid); }, 1, ""},
-      {[&] { writeFile(document(), R"({"devices": 3})"); }, 2,
-       failure([] { decodeJSON<ConfigSnapshot>(R"({"devices": 3})"); })},
+      {[&] { writeFile(document(), "[]"); }, 2,
+       "brisolactl: " + std::string(undecodable->what()) + "\n"},
       {[&] { std::filesystem::remove(document()); }, 2,
-       failure([&] { throw ConfigStoreError::missingConfig(document()); })},
+       "brisolactl: " + std::string(ConfigStoreError::missingConfig(document()).what()) + "\n"},
   };
   for (const auto& [prepare, status, error] : rows) {
     SCOPED_TRACE(status);
@@ -207,12 +201,8 @@ TEST_F(CtlTest, RefusedEditsAndWrongCommandLinesLeaveTheFileByteForByte) {
   const std::string bytes = readFile(document());
   const auto editorError = [](const Edit& edit) {
     ConfigSnapshot copy = editableDocument();
-    try {
-      edit(copy);
-    } catch (const ConfigEditError& error) {
-      return "brisolactl: " + std::string(error.what()) + "\n";
-    }
-    return std::string("the editor accepted it");
+    const auto error = thrown<ConfigEditError>([&] { edit(copy); });
+    return "brisolactl: " + std::string(error ? error->what() : "accepted") + "\n";
   };
   // Exact for the editor's refusals (status 1), a prefix for command-line errors (64).
   const std::vector<std::tuple<std::vector<std::string>, int, std::string>> rows{
