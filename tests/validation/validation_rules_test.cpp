@@ -123,7 +123,7 @@ ConfigSnapshot brokenStudio() {
                      .sampleRate = 48000.5,
                      .channelCount = 2,
                      .volume = 2.0};
-  sixth.sources = {testing::passThruSource("pt", 0)};
+  sixth.sources = {testing::passThruSource("pt", 0), testing::nestedSource("self", "f")};
 
   ConfigSnapshot snapshot = documentWith({first, second, third, fourth, fifth, sixth});
   snapshot.schemaVersion = 3;
@@ -170,6 +170,7 @@ TEST(ValidationRules, BrokenDocumentReportsEveryIssueInOrder) {
     device.invalidChannelCount | Channel count must be even and between 2 and 64. | devices[4].channelCount
     monitor.emptyID | Monitor ID must not be empty. | devices[4].monitors[0].id
     source.invalidChannelCount | Source channel count must be positive. | devices[5].sources[0].channelCount
+    device.nestedDeviceCycle | Nested device sources form a cycle involving device 'f'. | devices
   )"));
   EXPECT_EQ(result.warnings, testing::issues(R"(
     device.unsupportedSampleRate | The engine runs at 48 kHz; this sample rate is ignored. | devices[0].sampleRate
