@@ -1,5 +1,5 @@
-// The control block on private objects: byte layout, text cutting, hostile contents and the
-// failure of every system call. The fixed object name is exercised in the shm tests.
+// The control block on private objects: byte layout, hostile contents, the failure of every
+// system call and torn updates. The fixed object name is exercised in the shm tests.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
