@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -123,9 +124,12 @@ template <class Write, class Read, class State>
 void expectNoTornReads(Write write, Read read, const State& first, const State& second) {
   std::atomic<bool> stop{false};
   std::thread writer([&] {
+    std::minstd_rand random(7);
     for (long n = 0; !stop.load(std::memory_order_relaxed); ++n) {
       write(n);
-      std::this_thread::yield();
+      // A pause of random length, busy rather than yielding: a writer that gave the processor
+      // up only between updates would hide torn copies from a reader on the same core.
+      for (auto spin = random() % 20000; spin > 0 && !stop.load(std::memory_order_relaxed);) --spin;
     }
   });
   long accepted = 0;
