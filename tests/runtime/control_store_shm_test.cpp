@@ -2,7 +2,6 @@
 // (RESOURCE_LOCK), and each removes the object before and after itself. Anything else on the
 // machine that publishes under that name (a running service) disturbs them.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
 
@@ -10,12 +9,12 @@
 #include "brisola_runtime_support.h"
 #include "shm_test_support.hpp"
 #include "support/documents.hpp"
+#include "support/thrown.hpp"
 
 namespace brisola {
 namespace {
 
 namespace store = RuntimeControlStoreV3;
-using testing::sampleControls;
 
 const std::string fixedName(store::sharedMemoryName);
 
@@ -25,30 +24,14 @@ class FixedObject : public ::testing::Test {
   void TearDown() override { BrisolaShmUnlink(fixedName.c_str()); }
 };
 
-TEST_F(FixedObject, NothingPublishedYetReadsAsOpenFailedENOENT) {
-  try {
-    store::read();
-    ADD_FAILURE() << "read succeeded";
-  } catch (const RuntimeControlStoreError& error) {
-    EXPECT_EQ(error, RuntimeControlStoreError::openFailed(2));
-    EXPECT_STREQ(error.what(), "Could not open Brisola runtime shared memory: errno 2.");
-  }
-}
-
-TEST_F(FixedObject, PublishingADocumentWritesTheNamedObject) {
+TEST_F(FixedObject, ReadsWhatTheServicePublishedAndNothingBefore) {
+  EXPECT_EQ(testing::thrown<RuntimeControlStoreError>([] { store::read(); }),
+            RuntimeControlStoreError::openFailed(ENOENT));
   ConfigSnapshot snapshot;
-  snapshot.devices.push_back(testing::stereoDevice("studio", "Studio"));
-  snapshot.devices.push_back(testing::stereoDevice("podcast", "Podcast"));
+  snapshot.devices = {testing::stereoDevice("studio", "Studio"), testing::stereoDevice("p", "P")};
   RuntimePublisher::publish(snapshot);
-
   EXPECT_EQ(store::read(), store::controls(snapshot));
-  testing::ShmObject object(fixedName);
-  EXPECT_EQ(object.size(), 65536u);
-  EXPECT_EQ(object.u32(16), 2u);
-
-  store::publish(ConfigSnapshot::empty());
-  EXPECT_EQ(object.u32(16), 0u);
-  EXPECT_TRUE(store::read().empty());
+  EXPECT_EQ(testing::ShmObject(fixedName).size(), 65536u);
 }
 
 }  // namespace

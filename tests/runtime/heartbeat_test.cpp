@@ -49,35 +49,27 @@ TEST(ServiceHeartbeat, BeatCreatesDirectoryAndEmptyFileThenMovesOnlyTheDate) {
 }
 
 // Every step fails; the beat goes through all of them and never throws.
-class BrokenFiles : public FileManagerWrapper {
+class BrokenFiles : public FixedDirectories {
  public:
-  BrokenFiles() : FileManagerWrapper(FileManager::defaultManager()) {}
+  BrokenFiles() : FixedDirectories({}) {}
   mutable std::vector<std::string> calls;
-
   bool fileExists(const fs::path&) const override {
     calls.push_back("exists");
     return false;
   }
   void createDirectory(const fs::path& path, bool intermediates) const override {
-    calls.push_back(std::string("directory ") + path.filename().string() +
-                    (intermediates ? " with intermediates" : ""));
-    fail(path);
+    fail("directory " + path.filename().string() + (intermediates ? " with intermediates" : ""));
   }
-  void createFile(const fs::path& path) const override {
-    calls.push_back("file");
-    fail(path);
-  }
-  void setModificationDate(const fs::path& path, Clock::time_point) const override {
-    calls.push_back("date");
-    fail(path);
-  }
-  std::optional<Clock::time_point> modificationDate(const fs::path& path) const override {
-    fail(path);
+  void createFile(const fs::path&) const override { fail("file"); }
+  void setModificationDate(const fs::path&, Clock::time_point) const override { fail("date"); }
+  std::optional<Clock::time_point> modificationDate(const fs::path&) const override {
+    fail("read date");
   }
 
  private:
-  [[noreturn]] static void fail(const fs::path& path) {
-    throw fs::filesystem_error("refused", path, std::make_error_code(std::errc::permission_denied));
+  [[noreturn]] void fail(std::string call) const {
+    calls.push_back(std::move(call));
+    throw fs::filesystem_error("refused", std::make_error_code(std::errc::permission_denied));
   }
 };
 
@@ -85,10 +77,10 @@ TEST(ServiceHeartbeat, FailuresAreIgnoredAndEveryStepIsStillTried) {
   BrokenFiles files;
   fs::path file = "/nowhere/Brisola/service-heartbeat";
   EXPECT_NO_THROW(ServiceHeartbeat::beat(file, beatTime, files));
-  EXPECT_THAT(files.calls, ::testing::ElementsAre("exists", "directory Brisola with intermediates",
-                                                  "file", "date"));
-  EXPECT_EQ(ServiceHeartbeat::lastBeat(file, files), std::nullopt);
   EXPECT_FALSE(ServiceHeartbeat::isFresh(file, beatTime, files));
+  EXPECT_EQ(ServiceHeartbeat::lastBeat(file, files), std::nullopt);
+  EXPECT_THAT(files.calls, ::testing::ElementsAre("exists", "directory Brisola with intermediates",
+                                                  "file", "date", "read date", "read date"));
 }
 
 }  // namespace

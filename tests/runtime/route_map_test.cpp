@@ -20,17 +20,14 @@ DeviceConfig deviceWith(std::vector<Wire> wires) {
   return device;
 }
 
-struct Row {
-  const char* what;
-  WireEndpoint from, to;
-  bool kept;
-};
-
-std::vector<R> expected(const Row& row) {
-  return row.kept ? std::vector<R>{{row.from.channel, row.to.channel}} : std::vector<R>{};
-}
-
-TEST(RouteMap, SourceRoutesKeepOnlyWiresFromTheSourceIntoThisDevicesOwnOutput) {
+// One wire in a device "dev" with two channels of output; source routes of "src" may use
+// output channels 1...2, monitor routes of "mon" device channels 1...3 and monitor channels 1...2.
+TEST(RouteMap, RoutesKeepOnlyWiresBetweenTheirOwnEndsWithinTheSupportedChannels) {
+  struct Row {
+    const char* what;
+    WireEndpoint from, to;
+    bool kept;
+  };
   const std::vector<Row> rows{
       {"output channel at the supported count", sourceEnd("src", 2), outputEnd("dev", 2), true},
       {"source channel above anything the source has", sourceEnd("src", 9), outputEnd("dev", 1),
@@ -40,33 +37,29 @@ TEST(RouteMap, SourceRoutesKeepOnlyWiresFromTheSourceIntoThisDevicesOwnOutput) {
       {"source channel 0", sourceEnd("src", 0), outputEnd("dev", 1), false},
       {"another source", sourceEnd("other", 1), outputEnd("dev", 1), false},
       {"another device's output", sourceEnd("src", 1), outputEnd("dev2", 1), false},
-      {"into a monitor", sourceEnd("src", 1), monitorEnd("dev", 1), false},
-      {"from the device output", outputEnd("src", 1), outputEnd("dev", 1), false},
       {"owner differs only in case", sourceEnd("SRC", 1), outputEnd("dev", 1), false},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.what);
-    auto routes =
-        RuntimeRouteMap::sourceRoutes("src", deviceWith({wire("w", row.from, row.to)}), 2);
-    EXPECT_EQ(routes, expected(row));
-  }
-}
-
-TEST(RouteMap, MonitorRoutesBoundBothChannels) {
-  const std::vector<Row> rows{
-      {"plain", outputEnd("dev", 2), monitorEnd("mon", 1), true},
-      {"device channel above the input count", outputEnd("dev", 3), monitorEnd("mon", 1), false},
+      {"source into a monitor", sourceEnd("src", 1), monitorEnd("mon", 1), false},
+      {"device channel at the input count", outputEnd("dev", 3), monitorEnd("mon", 2), true},
+      {"device channel above the input count", outputEnd("dev", 4), monitorEnd("mon", 1), false},
       {"monitor channel above the output count", outputEnd("dev", 1), monitorEnd("mon", 3), false},
       {"monitor channel 0", outputEnd("dev", 1), monitorEnd("mon", 0), false},
       {"another monitor", outputEnd("dev", 1), monitorEnd("mon2", 1), false},
-      {"another device's output", outputEnd("dev2", 1), monitorEnd("mon", 1), false},
-      {"from a source", sourceEnd("dev", 1), monitorEnd("mon", 1), false},
+      {"from another device's output", outputEnd("dev2", 1), monitorEnd("mon", 1), false},
+      {"output into the output", outputEnd("dev", 1), outputEnd("dev", 1), false},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    auto routes =
-        RuntimeRouteMap::monitorRoutes("mon", deviceWith({wire("w", row.from, row.to)}), 2, 2);
-    EXPECT_EQ(routes, expected(row));
+    const DeviceConfig device = deviceWith({wire("w", row.from, row.to)});
+    const auto routes = row.from.kind == EndpointKind::source
+                            ? RuntimeRouteMap::sourceRoutes("src", device, 2)
+                            : RuntimeRouteMap::monitorRoutes("mon", device, 3, 2);
+    const std::vector<R> expected{{row.from.channel, row.to.channel}};
+    EXPECT_EQ(routes, row.kept ? expected : std::vector<R>{});
+    // A wire belongs to one kind of route only.
+    EXPECT_TRUE((row.from.kind == EndpointKind::source
+                     ? RuntimeRouteMap::monitorRoutes("mon", device, 3, 2)
+                     : RuntimeRouteMap::sourceRoutes("src", device, 2))
+                    .empty());
   }
 }
 
@@ -93,28 +86,6 @@ TEST(RouteMap, RoutesKeepWireOrderAndDuplicatesAndStopAt256) {
               ElementsAre(R{2, 1}, R{1, 1}, R{2, 1}));
 
   EXPECT_EQ(RuntimeRouteMap::sourceRoutes("src", deviceWith({}), 2).size(), 0u);
-}
-
-TEST(RouteMap, EnvironmentText) {
-  EXPECT_EQ(RuntimeRouteMap::environmentValue({}), "");
-  EXPECT_EQ(RuntimeRouteMap::environmentValue({{2, 1}, {1, 2}, {1, 2}}), "2:1,1:2,1:2");
-  EXPECT_EQ(RuntimeRouteMap::environmentValue({{10, 64}, {128, 1}}), "10:64,128:1");
-  EXPECT_THAT(RuntimeRouteMap::defaultStereoRoutes(), ElementsAre(R{1, 1}, R{2, 2}));
-  EXPECT_EQ(RuntimeRouteMap::defaultStereoEnvironmentValue(), "1:1,2:2");
-}
-
-TEST(RouteMap, JSONFormHasExactlyTheTwoRequiredKeys) {
-  EXPECT_EQ(encodeJSON(R{3, 1}), "{\n  \"outputChannel\": 1,\n  \"sourceChannel\": 3\n}");
-  EXPECT_EQ(decodeJSON<R>(R"({"sourceChannel": 7, "outputChannel": 2})"), (R{7, 2}));
-  for (const char* text : {R"({"sourceChannel": 7})", R"({"outputChannel": 2})"}) {
-    SCOPED_TRACE(text);
-    try {
-      decodeJSON<R>(text);
-      ADD_FAILURE() << "decoded";
-    } catch (const DecodingError& error) {
-      EXPECT_EQ(error.kind(), DecodingError::Kind::keyNotFound);
-    }
-  }
 }
 
 }  // namespace

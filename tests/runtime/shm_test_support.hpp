@@ -8,11 +8,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "brisola/runtime/runtime_controls.hpp"
@@ -110,6 +116,36 @@ inline RuntimeDeviceControls sampleControls(int seed, std::size_t routeCount = 3
                                seed % 2 == 0, 0.25f * static_cast<float>(seed % 8), gains,
                                seed % 3 == 0, seed % 5 == 0, 0.125f * static_cast<float>(seed % 16),
                                routes);
+}
+
+// Runs write(0), write(1), ... on another thread while this one reads for half a second:
+// every state the reader accepts must be one of the two written, and some must be accepted.
+template <class Write, class Read, class State>
+void expectNoTornReads(Write write, Read read, const State& first, const State& second) {
+  std::atomic<bool> stop{false};
+  std::thread writer([&] {
+    std::minstd_rand random(7);
+    for (long n = 0; !stop.load(std::memory_order_relaxed); ++n) {
+      write(n);
+      // A pause of random length, busy rather than yielding: a writer that gave the processor
+      // up only between updates would hide torn copies from a reader on the same core.
+      for (auto spin = random() % 20000; spin > 0 && !stop.load(std::memory_order_relaxed);) --spin;
+    }
+  });
+  long accepted = 0;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+  while (std::chrono::steady_clock::now() < deadline) {
+    const auto state = read();
+    if (!state) continue;
+    ++accepted;
+    if (*state != first && *state != second) {
+      ADD_FAILURE() << "torn state accepted";
+      break;
+    }
+  }
+  stop = true;
+  writer.join();
+  EXPECT_GT(accepted, 0);
 }
 
 }  // namespace brisola::testing

@@ -4,7 +4,6 @@
 #include "service/route_planner.hpp"
 #include "service/service_log.hpp"
 #include "support/documents.hpp"
-#include "support/source_builders.hpp"
 
 namespace brisola {
 namespace {
@@ -34,29 +33,6 @@ std::vector<std::string> keys(const std::vector<DesiredRoute>& routes) {
   return result;
 }
 
-TEST(RoutePlanner, WorkedExampleGivesExactlyOneHardwareRoute) {
-  DeviceConfig device{
-      .id = "d1", .name = "Studio", .enabled = true, .channelCount = 2, .uid = "V1"};
-  SourceConfig mic = testing::hardwareSource("s1", "U1");
-  mic.name = "Mic";
-  device.sources.push_back(mic);
-  device.wires = {wire("w1", sourceEnd("s1", 1), outputEnd("d1", 1)),
-                  wire("w2", sourceEnd("s1", 2), outputEnd("d1", 2))};
-  ConfigSnapshot snapshot{.devices = {device}};
-
-  auto routes = RoutePlanner::desiredRoutes(snapshot, inventoryWith({"U1"}, {}), helpers);
-  ASSERT_EQ(routes.size(), 1u);
-  EXPECT_EQ(routes[0], (DesiredRoute{.key = "hardware:d1:s1",
-                                     .executableURL = "/h/brisola-hardware-source",
-                                     .environment = {{"BRISOLA_SOURCE_INPUT_UID", "U1"},
-                                                     {"BRISOLA_SOURCE_ID", "s1"},
-                                                     {"BRISOLA_SOURCE_OUTPUT_UID", "V1"},
-                                                     {"BRISOLA_SOURCE_GAIN", "1.0"},
-                                                     {"BRISOLA_SOURCE_MUTED", "0"},
-                                                     {"BRISOLA_SOURCE_ROUTES", "1:1,2:2"}},
-                                     .summary = "hardware input 'Mic' (Studio)"}));
-}
-
 TEST(RoutePlanner, EveryKindOfRouteCarriesItsVariablesInDocumentOrder) {
   DeviceConfig device = testing::stereoDevice("d", "Desk");
   MonitorConfig speakers = testing::monitor("m", "");  // empty UID: left to the helper
@@ -77,6 +53,7 @@ TEST(RoutePlanner, EveryKindOfRouteCarriesItsVariablesInDocumentOrder) {
   device.sources.push_back(mic);
   device.wires.push_back(wire("w", outputEnd("d", 2), testing::monitorEnd("m", 1)));
   device.wires.push_back(wire("x", sourceEnd("app", 9), outputEnd("d", 1)));
+  device.wires.push_back(wire("y", sourceEnd("mic", 2), outputEnd("d", 1)));
   DeviceConfig second = testing::stereoDevice("e", "Other");
   second.monitors.push_back(testing::monitor("m2", "Speakers"));
 
@@ -106,8 +83,18 @@ TEST(RoutePlanner, EveryKindOfRouteCarriesItsVariablesInDocumentOrder) {
   EXPECT_EQ(routes[2].environment.count("BRISOLA_TAP_PID"), 0u) << "a system capture has no PID";
   EXPECT_EQ(routes[2].environment.at("BRISOLA_TAP_MODE"), "system");
   EXPECT_EQ(routes[2].summary, "system capture 'All'");
-  EXPECT_EQ(routes[3].environment.at("BRISOLA_SOURCE_INPUT_BACKEND"), "coreaudio");
-  EXPECT_EQ(routes[3].environment.at("BRISOLA_SOURCE_CHANNEL_GAINS"), "0.25");
+  EXPECT_EQ(routes[3],
+            (DesiredRoute{.key = "hardware:d:mic",
+                          .executableURL = "/h/brisola-hardware-source",
+                          .environment = {{"BRISOLA_SOURCE_INPUT_UID", "U1"},
+                                          {"BRISOLA_SOURCE_ID", "mic"},
+                                          {"BRISOLA_SOURCE_OUTPUT_UID", "app.brisola.device.d"},
+                                          {"BRISOLA_SOURCE_GAIN", "1.0"},
+                                          {"BRISOLA_SOURCE_MUTED", "0"},
+                                          {"BRISOLA_SOURCE_ROUTES", "2:1"},
+                                          {"BRISOLA_SOURCE_INPUT_BACKEND", "coreaudio"},
+                                          {"BRISOLA_SOURCE_CHANNEL_GAINS", "0.25"}},
+                          .summary = "hardware input 'Microphone' (Desk)"}));
   EXPECT_EQ(routes[4].environment.at("BRISOLA_MONITOR_OUTPUT_UID"), "Speakers");
 }
 

@@ -5,12 +5,14 @@
 #include "service/service_log.hpp"
 #include "service/service_settings.hpp"
 #include "support/system_helpers.hpp"
+#include "support/thrown.hpp"
 
 namespace brisola {
 namespace {
 
 namespace fs = std::filesystem;
 using testing::TempDir;
+using testing::thrown;
 
 TEST(ServiceSettings, TruthyValuesAreTheFourWordsInAnyCaseAndNothingElse) {
   for (const char* yes : {"1", "true", "TRUE", "Yes", "ON", "on"}) {
@@ -79,37 +81,25 @@ TEST_F(HelperPathsTest, CandidatesAreOrderedStandardisedAndDeduplicated) {
   EXPECT_THAT(candidates, ::testing::ElementsAre(cwd / "build/tools", cwd / "build/service"));
 }
 
-TEST_F(HelperPathsTest, LookupPrefersTheEnvironmentAndSkipsNonExecutables) {
+TEST_F(HelperPathsTest, LookupPrefersTheEnvironmentSkipsNonExecutablesAndNamesTheFirstMissing) {
   fs::path cwd = fs::current_path();
+  auto resolved = [&](const Environment& environment) {
+    return HelperPaths::resolve(environment, {(cwd / "self" / "svc").string()}, files_);
+  };
+  auto missing = [&] { return thrown<ServiceError>([&] { resolved({}); }); };
+  EXPECT_EQ(missing(), ServiceError::missingHelper("brisola-monitor"));
+  makeHelper(cwd / "build/tools", "brisola-monitor");
+  makeHelper(cwd / "build/service", "brisola-process-tap");
+  EXPECT_EQ(missing(), ServiceError::missingHelper("brisola-hardware-source"));
+
   makeAll(cwd / "env");
   makeAll(cwd / "self");
-  Environment environment{{"BRISOLA_HELPER_DIR", (cwd / "env").string()}};
-  HelperPaths paths = HelperPaths::resolve(environment, {(cwd / "self" / "svc").string()}, files_);
-  EXPECT_EQ(paths.monitor, cwd / "env" / "brisola-monitor");
-  EXPECT_EQ(paths.processTap, cwd / "env" / "brisola-process-tap");
-
+  const Environment environment{{"BRISOLA_HELPER_DIR", (cwd / "env").string()}};
+  EXPECT_EQ(resolved(environment).monitor, cwd / "env" / "brisola-monitor");
   makeHelper(cwd / "env", "brisola-hardware-source", false);  // present but not executable
-  paths = HelperPaths::resolve(environment, {(cwd / "self" / "svc").string()}, files_);
-  EXPECT_EQ(paths.hardwareSource, cwd / "self" / "brisola-hardware-source");
-}
-
-TEST_F(HelperPathsTest, TheFirstMissingHelperIsNamed) {
-  try {
-    HelperPaths::resolve({}, {"svc"}, files_);
-    FAIL();
-  } catch (const ServiceError& error) {
-    EXPECT_STREQ(error.what(),
-                 "Could not find executable helper 'brisola-monitor'. Build helpers with "
-                 "scripts/build-service.sh.");
-  }
-  makeHelper(fs::current_path() / "build/tools", "brisola-monitor");
-  makeHelper(fs::current_path() / "build/service", "brisola-process-tap");
-  try {
-    HelperPaths::resolve({}, {"svc"}, files_);
-    FAIL();
-  } catch (const ServiceError& error) {
-    EXPECT_EQ(error, ServiceError::missingHelper("brisola-hardware-source"));
-  }
+  EXPECT_EQ(resolved(environment),
+            (HelperPaths{cwd / "env" / "brisola-monitor", cwd / "self" / "brisola-hardware-source",
+                         cwd / "env" / "brisola-process-tap"}));
 }
 
 TEST(NumberText, ShortestRoundTripWithAFractionOrAnExponent) {

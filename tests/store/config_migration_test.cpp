@@ -72,76 +72,62 @@ TEST(DefaultURL, UsesTheFirstApplicationSupportDirectoryOrElseTheHomeLayout) {
             dir / "home" / "Library" / "Application Support" / "Brisola" / "config.json");
 }
 
-TEST(DefaultURL, MovesTheLegacyDataDirectoryOnceKeepingItsBin) {
-  TempDir dir;
-  fs::path base = dir / "support";
-  fs::create_directories(base / "Kestrine" / "bin");
-  fs::create_directories(base / "Kestrine" / "logs");
-  writeFile(base / "Kestrine" / "config.json", "{\"legacy\": true}");
-  writeFile(base / "Kestrine" / ".hidden", "h");
-  writeFile(base / "Kestrine" / "logs" / "a.log", "log");
-  RelocatedFileManager manager({base}, dir / "home");
-
-  fs::path url = ConfigStore::defaultURL(manager);
-  EXPECT_EQ(url, base / "Brisola" / "config.json");
-  EXPECT_EQ(readFile(url), "{\"legacy\": true}");
-  EXPECT_EQ(readFile(base / "Brisola" / ".hidden"), "h");
-  EXPECT_EQ(readFile(base / "Brisola" / "logs" / "a.log"), "log");
-  std::vector<std::string> left;
-  for (const auto& entry : fs::directory_iterator(base / "Kestrine")) {
-    left.push_back(entry.path().filename().string());
+// Every entry under the directory, relative, directories with a trailing "/", sorted.
+std::vector<std::string> listing(const fs::path& root) {
+  std::vector<std::string> entries;
+  for (const auto& entry : fs::recursive_directory_iterator(root)) {
+    entries.push_back(fs::relative(entry.path(), root).string() +
+                      (entry.is_directory() ? "/" : ""));
   }
-  EXPECT_THAT(left, ::testing::ElementsAre("bin"));
-
-  // Once the current directory exists nothing moves again, whatever the old one holds.
-  writeFile(base / "Kestrine" / "late.json", "late");
-  ConfigStore::defaultURL(manager);
-  EXPECT_TRUE(fs::exists(base / "Kestrine" / "late.json"));
-  EXPECT_FALSE(fs::exists(base / "Brisola" / "late.json"));
+  std::sort(entries.begin(), entries.end());
+  return entries;
 }
 
-TEST(DefaultURL, LegacyMigrationLeavesTheDiskAloneOrSwallowsFailures) {
-  {
-    TempDir dir;  // only the current directory: nothing changes
-    fs::create_directories(dir / "Brisola");
-    RelocatedFileManager manager({dir.path()}, dir / "home");
-    ConfigStore::defaultURL(manager);
-    EXPECT_FALSE(fs::exists(dir / "Kestrine"));
-    EXPECT_TRUE(fs::is_empty(dir / "Brisola"));
+// Fails the move of any entry named "a".
+class FailingMove : public RelocatedFileManager {
+ public:
+  using RelocatedFileManager::RelocatedFileManager;
+  void moveItem(const fs::path& from, const fs::path& to) const override {
+    if (from.filename() == "a") {
+      throw fs::filesystem_error("injected", from, std::make_error_code(std::errc::io_error));
+    }
+    RelocatedFileManager::moveItem(from, to);
   }
-  {
-    TempDir dir;  // neither: nothing is created
-    RelocatedFileManager manager({dir.path()}, dir / "home");
-    ConfigStore::defaultURL(manager);
-    EXPECT_TRUE(fs::is_empty(dir.path()));
-  }
-  {
-    TempDir dir;  // the old path is a plain file: the current directory appears, nothing moves
-    writeFile(dir / "Kestrine", "not a directory");
-    RelocatedFileManager manager({dir.path()}, dir / "home");
-    ConfigStore::defaultURL(manager);
-    EXPECT_TRUE(fs::is_directory(dir / "Brisola"));
-    EXPECT_TRUE(fs::is_empty(dir / "Brisola"));
-    EXPECT_EQ(readFile(dir / "Kestrine"), "not a directory");
-  }
-  {
-    TempDir dir;  // a move that fails is skipped and the others still happen
-    fs::create_directories(dir / "Kestrine");
-    writeFile(dir / "Kestrine" / "a", "a");
-    writeFile(dir / "Kestrine" / "b", "b");
-    class FailingMove : public RelocatedFileManager {
-     public:
-      using RelocatedFileManager::RelocatedFileManager;
-      void moveItem(const fs::path& from, const fs::path& to) const override {
-        if (from.filename() == "a") {
-          throw fs::filesystem_error("injected", from, std::make_error_code(std::errc::io_error));
-        }
-        RelocatedFileManager::moveItem(from, to);
-      }
-    } manager({dir.path()}, dir / "home");
+};
+
+TEST(DefaultURL, TheLegacyDataDirectoryMovesOnceWithoutItsBinAndNeverFailsTheCall) {
+  struct Row {
+    const char* what;
+    std::vector<std::string> before, after;  // "x/" is a directory, "x" a file
+  };
+  const std::vector<Row> rows{
+      {"everything but bin moves",
+       {"Kestrine/bin/", "Kestrine/logs/a.log", "Kestrine/config.json", "Kestrine/.hidden"},
+       {"Brisola/", "Brisola/.hidden", "Brisola/config.json", "Brisola/logs/", "Brisola/logs/a.log",
+        "Kestrine/", "Kestrine/bin/"}},
+      {"nothing moves once the current directory exists",
+       {"Brisola/", "Kestrine/late.json"},
+       {"Brisola/", "Kestrine/", "Kestrine/late.json"}},
+      {"nothing is created without either", {}, {}},
+      {"an old path that is a file stays", {"Kestrine"}, {"Brisola/", "Kestrine"}},
+      {"a failing move is skipped and the others still happen",
+       {"Kestrine/a", "Kestrine/b"},
+       {"Brisola/", "Brisola/b", "Kestrine/", "Kestrine/a"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    TempDir dir;
+    for (const std::string& entry : row.before) {
+      fs::create_directories((dir / entry).parent_path());
+      if (!entry.ends_with("/")) writeFile(dir / entry, entry);
+    }
+    FailingMove manager({dir.path()}, dir / "home");
     EXPECT_EQ(ConfigStore::defaultURL(manager), dir / "Brisola" / "config.json");
-    EXPECT_TRUE(fs::exists(dir / "Kestrine" / "a"));
-    EXPECT_EQ(readFile(dir / "Brisola" / "b"), "b");
+    EXPECT_EQ(listing(dir.path()), row.after);
+    for (const std::string& entry : row.after) {
+      if (!entry.starts_with("Brisola/") || entry.ends_with("/")) continue;
+      EXPECT_EQ(readFile(dir / entry), "Kestrine/" + entry.substr(8)) << "moved, not made";
+    }
   }
 }
 

@@ -72,8 +72,6 @@ class IgnoredAndBlockedSigterm {
     ::pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr);
     ::sigaction(SIGTERM, &previousAction_, nullptr);
   }
-  IgnoredAndBlockedSigterm(const IgnoredAndBlockedSigterm&) = delete;
-  IgnoredAndBlockedSigterm& operator=(const IgnoredAndBlockedSigterm&) = delete;
 
  private:
   struct sigaction previousAction_ {};
@@ -209,58 +207,9 @@ TEST(PosixProcessLauncherTest, DroppedHandleKillsAndReapsItsHelper) {
   EXPECT_TRUE(hasNoChildren());
 }
 
-TEST(RouteSupervisorProcessTest, HelperIgnoringTerminateIsKilledAfterTheGracePeriod) {
-  TempDir dir;
-  const auto script =
-      writeScript(dir, "helper", "trap '' TERM\necho > \"$READY\"\nwhile :; do sleep 0.05; done\n");
-  BrisolaServiceLog::Capture log;
-  RouteSupervisor supervisor({{"PATH", "/usr/bin:/bin"}}, PosixProcessLauncher::shared(),
-                             SteadyClock::shared(), 200ms);
-  auto stubborn = [&](const std::string& name) {
-    return DesiredRoute{.key = "tap:d1:" + name,
-                        .executableURL = script,
-                        .environment = {{"READY", (dir / name).string()}},
-                        .summary = "application '" + name + "' (Studio)"};
-  };
-  auto pidOf = [&](const std::string& name) {
-    return supervisor.routes().at("tap:d1:" + name).process()->pid();
-  };
-  auto ready = [&](const std::string& name) {
-    return eventually([&] { return std::filesystem::exists(dir / name); });
-  };
-
-  // Dropped by the plan: a later reconcile kills it and then reaps it.
-  supervisor.reconcile({stubborn("first")});
-  const pid_t first = pidOf("first");
-  ASSERT_TRUE(ready("first"));
-  supervisor.reconcile({});
-  ASSERT_TRUE(eventually([&] {
-    supervisor.reconcile({});
-    return supervisor.terminatingHelperCount() == 0;
-  }));
-  EXPECT_FALSE(processExists(first));
-
-  // At shutdown: stopAllRoutes kills it and returns with nothing left.
-  supervisor.reconcile({stubborn("second")});
-  const pid_t second = pidOf("second");
-  ASSERT_TRUE(ready("second"));
-  supervisor.stopAllRoutes();
-  EXPECT_FALSE(processExists(second));
-  EXPECT_TRUE(hasNoChildren());
-
-  EXPECT_EQ(log.lines(),
-            (std::vector<std::string>{
-                "Started application 'first' (Studio)",
-                "Stopping application 'first' (Studio): configuration removed route",
-                "Killing application 'first' (Studio): still running after the terminate request",
-                "Started application 'second' (Studio)",
-                "Stopping application 'second' (Studio): service stopping",
-                "Killing application 'second' (Studio): still running after the terminate "
-                "request"}));
-}
-
-TEST(RouteSupervisorProcessTest, ThousandsOfReplacementsLeaveNoZombiesAndNoDescriptors) {
-  constexpr int replacements = 2000;
+// A leak of one zombie or one descriptor per replacement would show hundreds of times over.
+TEST(RouteSupervisorProcessTest, HundredsOfReplacementsLeaveNoZombiesAndNoDescriptors) {
+  constexpr int replacements = 500;
   TempDir dir;
   const auto script = writeScript(dir, "helper", "exec sleep 1000\n");
   const int descriptorsAtStart = testing::openDescriptorCount();

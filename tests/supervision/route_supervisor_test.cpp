@@ -1,23 +1,100 @@
 #include "supervision/route_supervisor.hpp"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "service/service_log.hpp"
-#include "supervision_fakes.hpp"
 
 namespace brisola {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::FakeClock;
-using testing::FakeLauncher;
+
+// Time that moves only when the test (or a sleeping caller) moves it.
+class FakeClock final : public Clock {
+ public:
+  time_point now() override { return now_; }
+  void sleepFor(duration interval) override {
+    now_ += interval;
+    ++sleeps;
+  }
+  void advance(duration interval) { now_ += interval; }
+
+  int sleeps = 0;
+
+ private:
+  time_point now_{};
+};
+
+// What the test sees of one fake helper; shared with its handle.
+struct FakeProcessState {
+  pid_t pid = 0;
+  std::filesystem::path executable;
+  EnvironmentMap environment;
+  bool running = true;
+  int status = 0;
+  bool endsOnTerminate = true;
+  int terminateRequests = 0;
+  int killRequests = 0;
+  bool handleAlive = true;
+
+  void exit(int code) {
+    running = false;
+    status = code;
+  }
+};
+
+class FakeChildProcess final : public ChildProcess {
+ public:
+  explicit FakeChildProcess(std::shared_ptr<FakeProcessState> state) : state_(std::move(state)) {}
+  ~FakeChildProcess() override { state_->handleAlive = false; }
+
+  pid_t pid() const override { return state_->pid; }
+  bool isRunning() override { return state_->running; }
+  int terminationStatus() const override { return state_->status; }
+  void terminate() override {
+    ++state_->terminateRequests;
+    if (state_->running && state_->endsOnTerminate) state_->exit(SIGTERM);
+  }
+  void kill() override {
+    ++state_->killRequests;
+    if (state_->running) state_->exit(SIGKILL);
+  }
+
+ private:
+  std::shared_ptr<FakeProcessState> state_;
+};
+
+// Records every launch; fails them all while `failure` holds a description.
+class FakeLauncher final : public ProcessLauncher {
+ public:
+  LaunchResult launch(const std::filesystem::path& executable,
+                      const EnvironmentMap& environment) override {
+    ++attempts;
+    if (failure) return LaunchError{*failure};
+    auto state = std::make_shared<FakeProcessState>();
+    state->pid = static_cast<pid_t>(1000 + launches.size());
+    state->executable = executable;
+    state->environment = environment;
+    state->endsOnTerminate = helpersEndOnTerminate;
+    launches.push_back(state);
+    return std::make_unique<FakeChildProcess>(state);
+  }
+
+  std::optional<std::string> failure;
+  bool helpersEndOnTerminate = true;
+  int attempts = 0;
+  std::vector<std::shared_ptr<FakeProcessState>> launches;
+};
 
 DesiredRoute makeRoute(std::string key, std::string summary, EnvironmentMap environment = {}) {
   return DesiredRoute{.key = std::move(key),
@@ -46,7 +123,7 @@ struct Harness {
       {{"HOME", "/home/user"}, {"BRISOLA_MONITOR_GAIN", "base"}}, launcher, clock};
 
   // The fake helper currently running for the key.
-  std::shared_ptr<testing::FakeProcessState> helperOf(const std::string& key) const {
+  std::shared_ptr<FakeProcessState> helperOf(const std::string& key) const {
     const ChildProcess* process = supervisor.routes().at(key).process();
     for (const auto& state : launcher.launches) {
       if (process != nullptr && state->pid == process->pid()) return state;
@@ -156,38 +233,21 @@ TEST(RouteSupervisorTest, ChangingOneFieldOfOneRouteRestartsExactlyThatHelperInT
   }
 }
 
-TEST(RouteSupervisorTest, RemovedRoutesAreDroppedAndOnlyLaunchedHelpersAreStopped) {
+TEST(RouteSupervisorTest, OnlyRunningHelpersAreStoppedWhenTheirRouteGoesOrTheServiceStops) {
   Harness h;
-  h.supervisor.reconcile({deskMonitor()});
+  h.supervisor.reconcile({deskMonitor(), musicTap()});
   h.launcher.failure = "Could not launch /helpers/brisola-monitor: Permission denied";
-  h.supervisor.reconcile({deskMonitor(), micSource()});
+  h.supervisor.reconcile({deskMonitor(), micSource(), musicTap()});  // mic never launches
   ASSERT_EQ(h.supervisor.routes().at("hardware:d1:s1").process(), nullptr);
   h.launcher.failure.reset();
+  h.helperOf("tap:d1:s2")->exit(1);
   h.log.clear();
 
   h.supervisor.reconcile({musicTap()});
-
+  h.supervisor.stopAllRoutes();
   EXPECT_EQ(h.log.lines(), (std::vector<std::string>{
                                "Stopping monitor 'Desk' (Studio): configuration removed route",
-                               "Started application 'Music' (Studio)"}));
-  EXPECT_EQ(h.launcher.launches[0]->terminateRequests, 1);
-  ASSERT_EQ(h.supervisor.routes().size(), 1u);
-  EXPECT_TRUE(h.supervisor.routes().contains("tap:d1:s2"));
-}
-
-TEST(RouteSupervisorTest, ShutdownLogsOnlyHelpersThatHaveAProcess) {
-  Harness h;
-  h.supervisor.reconcile({deskMonitor(), musicTap()});
-  h.helperOf("tap:d1:s2")->exit(1);  // noticed below
-  h.launcher.failure = "Could not launch /helpers/brisola-monitor: Permission denied";
-  h.clock.advance(1s);
-  h.supervisor.reconcile({deskMonitor(), micSource(), musicTap()});  // mic never launches
-  h.log.clear();
-
-  h.supervisor.stopAllRoutes();
-
-  EXPECT_EQ(h.log.lines(),
-            std::vector<std::string>{"Stopping monitor 'Desk' (Studio): service stopping"});
+                               "application 'Music' (Studio) exited with status 1"}));
   EXPECT_TRUE(h.supervisor.routes().empty());
   EXPECT_EQ(h.supervisor.terminatingHelperCount(), 0u);
   EXPECT_EQ(h.clock.sleeps, 0) << "helpers that end on SIGTERM are not waited for";
@@ -195,6 +255,7 @@ TEST(RouteSupervisorTest, ShutdownLogsOnlyHelpersThatHaveAProcess) {
     EXPECT_FALSE(state->handleAlive);
     EXPECT_EQ(state->killRequests, 0);
   }
+  EXPECT_EQ(h.launcher.launches[0]->terminateRequests, 1);
 }
 
 TEST(RouteSupervisorTest, DuplicateKeysKeepTheFirstRouteAndLogTheRest) {

@@ -23,6 +23,21 @@ SourceConfig hardwareSource(std::string id, std::string deviceUID, std::int64_t 
                       .metadata = {.deviceUID = std::move(deviceUID)}};
 }
 
+SourceConfig sourceOf(SourceType type, std::string id, std::string name, SourceMetadata metadata) {
+  return SourceConfig{.id = std::move(id),
+                      .type = type,
+                      .name = std::move(name),
+                      .enabled = true,
+                      .gain = 1.0,
+                      .channelCount = 2,
+                      .metadata = std::move(metadata)};
+}
+
+SourceConfig nestedSource(std::string id, std::string deviceID, std::string name) {
+  return sourceOf(SourceType::virtualDevice, std::move(id), std::move(name),
+                  {.sourceDeviceID = std::move(deviceID)});
+}
+
 MonitorConfig monitor(std::string id, std::string deviceUID, std::int64_t channelCount) {
   return MonitorConfig{.id = std::move(id),
                        .name = "Speakers",

@@ -1,14 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <functional>
 #include <limits>
 #include <string>
 #include <vector>
 
 #include "brisola/validation/validation.hpp"
 #include "support/documents.hpp"
-#include "support/source_builders.hpp"
 #include "validation/validation_test_support.hpp"
 
 namespace brisola {
@@ -45,11 +43,8 @@ TEST(ValidationRules, EmptyAndWellFormedDocumentsHaveNothingToReport) {
   // sample rate that the engine ignores.
   ValidationResult rich = validated(testing::richSnapshot());
   EXPECT_TRUE(rich.errors.empty());
-  EXPECT_EQ(rich.warnings, (std::vector<ValidationIssue>{
-                               {"device.unsupportedSampleRate",
-                                "The engine runs at 48 kHz; this sample rate is ignored.",
-                                "devices[1].sampleRate"},
-                           }));
+  EXPECT_EQ(codes(rich.warnings), std::vector<std::string>{"device.unsupportedSampleRate"});
+  EXPECT_EQ(rich.warnings[0].path, "devices[1].sampleRate");
 }
 
 // One document that trips most rules at once: every issue, in emission order.
@@ -104,7 +99,33 @@ ConfigSnapshot brokenStudio() {
 
   DeviceConfig fourth{.id = "", .name = "", .sampleRate = 48000, .channelCount = 2};
 
-  ConfigSnapshot snapshot = documentWith({first, second, third, fourth});
+  // Names and UIDs are blank by Unicode's white space; identifiers only when empty. Metadata
+  // of another source type is not consulted.
+  DeviceConfig fifth{.id = "e",
+                     .name = "\u00A0\u2028\r\n",
+                     .sampleRate = kNaN,
+                     .channelCount = 0,
+                     .uid = "\u3000"};
+  fifth.sources = {source(" ", SourceType::application, "Blank id"),
+                   source("p", SourceType::application, "Process object"),
+                   source("y", SourceType::system, "System"),
+                   testing::hardwareSource("h", " "),
+                   testing::hardwareSource("h2", "Mic"),
+                   source("h3", SourceType::hardwareInput, "Only nested"),
+                   testing::nestedSource("v2", "")};
+  fifth.sources[0].metadata.bundleIdentifier = "";
+  fifth.sources[1].metadata.processObjectID = 7;
+  fifth.sources[2].muteWhenCapturing = fifth.sources[4].muteWhenCapturing = true;
+  fifth.sources[5].metadata.sourceDeviceID = "d";
+  fifth.monitors = {testing::monitor("", "Out")};
+  DeviceConfig sixth{.id = "f",
+                     .name = "\u200B",  // a format character, not white space
+                     .sampleRate = 48000.5,
+                     .channelCount = 2,
+                     .volume = 2.0};
+  sixth.sources = {testing::passThruSource("pt", 0), testing::nestedSource("self", "f")};
+
+  ConfigSnapshot snapshot = documentWith({first, second, third, fourth, fifth, sixth});
   snapshot.schemaVersion = 3;
   snapshot.ui.selectedDeviceID = "missing";
   return snapshot;
@@ -143,6 +164,13 @@ TEST(ValidationRules, BrokenDocumentReportsEveryIssueInOrder) {
     device.emptyUID | Device UID must not be empty. | devices[2].uid
     device.emptyID | Device ID must not be empty. | devices[3].id
     device.emptyName | Device name must not be empty. | devices[3].name
+    device.emptyName | Device name must not be empty. | devices[4].name
+    device.emptyUID | Device UID must not be empty. | devices[4].uid
+    device.invalidSampleRate | Sample rate must be positive. | devices[4].sampleRate
+    device.invalidChannelCount | Channel count must be even and between 2 and 64. | devices[4].channelCount
+    monitor.emptyID | Monitor ID must not be empty. | devices[4].monitors[0].id
+    source.invalidChannelCount | Source channel count must be positive. | devices[5].sources[0].channelCount
+    device.nestedDeviceCycle | Nested device sources form a cycle involving device 'f'. | devices
   )"));
   EXPECT_EQ(result.warnings, testing::issues(R"(
     device.unsupportedSampleRate | The engine runs at 48 kHz; this sample rate is ignored. | devices[0].sampleRate
@@ -160,131 +188,17 @@ TEST(ValidationRules, BrokenDocumentReportsEveryIssueInOrder) {
     wire.to.missingMonitor | Wire endpoint refers to a missing monitor. | devices[0].wires[3].to.ownerID
     wire.to.invalidChannel | Wire endpoint channels are one-based and must be positive. | devices[0].wires[4].to.channel
     source.virtualDeviceMissingDevice | Nested device source has no source device ID. | devices[1].sources[0].metadata.sourceDeviceID
+    source.muteWhenCapturingUnsupported | Mute-when-capturing only applies to application and system audio sources. | devices[4].sources[4].muteWhenCapturing
+    source.hardwareInputMissingDevice | Hardware input source has no Core Audio device UID. | devices[4].sources[5].metadata.deviceUID
+    source.virtualDeviceMissingDevice | Nested device source has no source device ID. | devices[4].sources[6].metadata.sourceDeviceID
+    device.unsupportedSampleRate | The engine runs at 48 kHz; this sample rate is ignored. | devices[5].sampleRate
+    source.passThruChannelMismatch | Pass-Thru source channel count should match the virtual device channel count. | devices[5].sources[0].channelCount
     ui.selectedDeviceMissing | Selected device ID does not refer to a configured device. | ui.selectedDeviceID
     source.virtualDeviceUnknownDevice | Nested device source 'Loop' refers to a device that does not exist. | devices[2]
   )"));
   // clang-format on
   EXPECT_FALSE(result.isValid());
   EXPECT_EQ(validated(snapshot), result);
-}
-
-// One change to a clean stereo device, and the single error and warning code it gives ("" for
-// none).
-struct DeviceRow {
-  std::string label;
-  std::function<void(DeviceConfig&)> change;
-  std::string error, warning;
-};
-
-void expectCodes(const std::vector<DeviceRow>& rows) {
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
-    DeviceConfig device = stereoDevice("d", "D");
-    row.change(device);
-    ValidationResult result = validated(documentWith({device}));
-    auto single = [](const std::string& code) {
-      return code.empty() ? std::vector<std::string>{} : std::vector<std::string>{code};
-    };
-    EXPECT_EQ(codes(result.errors), single(row.error));
-    EXPECT_EQ(codes(result.warnings), single(row.warning));
-  }
-}
-
-TEST(ValidationRules, DeviceNumbersAtTheirBounds) {
-  auto rate = [](double value) { return [value](DeviceConfig& d) { d.sampleRate = value; }; };
-  auto volume = [](double value) { return [value](DeviceConfig& d) { d.volume = value; }; };
-  auto channels = [](std::int64_t value) {
-    return [value](DeviceConfig& d) {
-      d.channelCount = value;
-      d.sources.clear();  // keeps the pass-thru mismatch and wire warnings out of the way
-      d.wires.clear();
-    };
-  };
-  const std::string rateError = "device.invalidSampleRate", volumeError = "device.invalidVolume",
-                    countError = "device.invalidChannelCount";
-  expectCodes({
-      {"rate 48000.5", rate(48000.5), "", "device.unsupportedSampleRate"},
-      {"rate 0", rate(0), rateError, ""},
-      {"rate NaN", rate(kNaN), rateError, ""},
-      {"volume -0", volume(-0.0), "", ""},
-      {"volume 2", volume(2.0), "", ""},
-      {"volume 2.0000001", volume(2.0000001), volumeError, ""},
-      {"volume -0.5", volume(-0.5), volumeError, ""},
-      {"channels 64", channels(64), "", ""},
-      {"channels 0", channels(0), countError, ""},
-      {"channels 63", channels(63), countError, ""},
-      {"channels 66", channels(66), countError, ""},
-  });
-}
-
-// An invalid count of 1 is still the count the gains, the pass-thru source and the output
-// endpoints are held against.
-TEST(ValidationRules, AnInvalidChannelCountIsStillTheMeasure) {
-  DeviceConfig device = stereoDevice("d", "D");
-  device.channelCount = 1;
-  device.channelGains = std::vector<double>{1.0, 1.0};
-  const ValidationResult result = validated(documentWith({device}));
-  EXPECT_EQ(codes(result.errors),
-            (std::vector<std::string>{"device.tooManyChannelGains", "device.invalidChannelCount"}));
-  EXPECT_EQ(codes(result.warnings), (std::vector<std::string>{"source.passThruChannelMismatch",
-                                                              "wire.to.deviceChannelOutOfRange"}));
-  EXPECT_EQ(result.warnings[1].path, "devices[0].wires[1].to.channel");
-}
-
-// Identifiers are tested for emptiness, names and UIDs for blankness (Unicode white space and
-// line breaks included).
-TEST(ValidationRules, EmptyIdentifiersAndBlankNames) {
-  expectCodes({
-      {"blank source id is not empty",
-       [](DeviceConfig& d) {
-         d.sources[0].id = " ";
-         for (auto& w : d.wires) w.from.ownerID = " ";
-       },
-       "", ""},
-      {"no-break space and line separator", [](DeviceConfig& d) { d.name = "\u00A0\u2028\r\n"; },
-       "device.emptyName", ""},
-      {"ideographic space uid", [](DeviceConfig& d) { d.uid = "\u3000"; }, "device.emptyUID", ""},
-      {"zero-width space is not white space", [](DeviceConfig& d) { d.name = "\u200B"; }, "", ""},
-      {"empty monitor id", [](DeviceConfig& d) { d.monitors = {testing::monitor("", "Out")}; },
-       "monitor.emptyID", ""},
-      {"blank hardware uid is not empty",
-       [](DeviceConfig& d) { d.sources.push_back(testing::hardwareSource("mic", " ")); }, "", ""},
-  });
-}
-
-TEST(ValidationRules, SourceTypeRules) {
-  auto added = [](SourceType type, std::function<void(SourceConfig&)> change) {
-    return [type, change](DeviceConfig& d) {
-      d.sources.push_back(source("x", type, "X"));
-      change(d.sources.back());
-    };
-  };
-  using enum SourceType;
-  expectCodes({
-      {"empty bundle identifier counts",
-       added(application, [](SourceConfig& s) { s.metadata.bundleIdentifier = ""; }), "", ""},
-      {"process object alone",
-       added(application, [](SourceConfig& s) { s.metadata.processObjectID = 7; }), "", ""},
-      {"system may mute when capturing",
-       added(system, [](SourceConfig& s) { s.muteWhenCapturing = true; }), "", ""},
-      {"hardware input may not",
-       added(hardwareInput,
-             [](SourceConfig& s) {
-               s.muteWhenCapturing = true;
-               s.metadata.deviceUID = "Mic";
-             }),
-       "", "source.muteWhenCapturingUnsupported"},
-      // The metadata of another type is not consulted.
-      {"hardware input with only a nested device id",
-       added(hardwareInput, [](SourceConfig& s) { s.metadata.sourceDeviceID = "d"; }), "",
-       "source.hardwareInputMissingDevice"},
-      {"nested device naming an empty id",
-       added(virtualDevice, [](SourceConfig& s) { s.metadata.sourceDeviceID = ""; }), "",
-       "source.virtualDeviceMissingDevice"},
-      {"pass-thru with an invalid width",
-       added(passThru, [](SourceConfig& s) { s.channelCount = 0; }), "source.invalidChannelCount",
-       "source.passThruChannelMismatch"},
-  });
 }
 
 TEST(ValidationRules, DuplicateIdentifiers) {
@@ -339,45 +253,30 @@ TEST(ValidationRules, CanonicallyEquivalentIdentifiersAreEqual) {
             (std::vector<std::string>{"ui.selectedDeviceMissing"}));
 }
 
-TEST(ValidationRules, SelectedDevice) {
+TEST(ValidationRules, SelectedDeviceAndSchemaVersion) {
   struct Row {
     std::vector<std::string> deviceIDs;
     std::optional<std::string> selected;
     bool warned;
   };
-  const std::vector<Row> rows{{{}, std::nullopt, false},
-                              {{}, "a", true},
-                              {{"a", "b"}, "b", false},
-                              {{"a", ""}, "", false},
-                              {{"a"}, "", true}};
-  for (const auto& row : rows) {
+  for (const Row& row :
+       {Row{{}, std::nullopt, false}, Row{{}, "a", true}, Row{{"a", "b"}, "b", false},
+        Row{{"a", ""}, "", false}, Row{{"a"}, "", true}}) {
     SCOPED_TRACE(row.selected.value_or("(none)"));
     std::vector<DeviceConfig> devices;
     for (const auto& id : row.deviceIDs) devices.push_back(stereoDevice(id, "N"));
     ConfigSnapshot snapshot = documentWith(devices);
     snapshot.ui.selectedDeviceID = row.selected;
-    std::vector<ValidationIssue> expected;
-    if (row.warned) {
-      expected.push_back({"ui.selectedDeviceMissing",
-                          "Selected device ID does not refer to a configured device.",
-                          "ui.selectedDeviceID"});
-    }
-    EXPECT_EQ(validated(snapshot).warnings, expected);
+    EXPECT_EQ(codes(validated(snapshot).warnings),
+              std::vector<std::string>(row.warned ? 1 : 0, "ui.selectedDeviceMissing"));
   }
-}
-
-TEST(ValidationRules, SchemaVersions) {
   for (std::int64_t version : {std::int64_t{1}, std::int64_t{2}, std::int64_t{0}, std::int64_t{3},
                                std::numeric_limits<std::int64_t>::min()}) {
     ConfigSnapshot snapshot = ConfigSnapshot::empty();
     snapshot.schemaVersion = version;
-    std::vector<ValidationIssue> expected;
-    if (version < 1 || version > 2) {
-      expected.push_back({"schema.unsupported",
-                          "Unsupported schema version " + std::to_string(version) + ".",
-                          "schemaVersion"});
-    }
-    EXPECT_EQ(validated(snapshot).errors, expected) << version;
+    EXPECT_EQ(codes(validated(snapshot).errors),
+              std::vector<std::string>(version == 1 || version == 2 ? 0 : 1, "schema.unsupported"))
+        << version;
   }
 }
 

@@ -5,12 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <regex>
-#include <set>
-
 #include "brisola/platform/file_manager.hpp"
-#include "brisola/platform/uuid.hpp"
+#include "brisola/platform/unicode.hpp"
 #include "support/system_helpers.hpp"
+#include "support/thrown.hpp"
 
 namespace brisola {
 namespace {
@@ -18,6 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::readFile;
 using testing::TempDir;
+using testing::thrown;
 using testing::writeFile;
 
 TEST(PosixFileManager, WritingFlushesWholeFilesAndDescriptorsAreCloseOnExec) {
@@ -54,13 +53,10 @@ TEST(PosixFileManager, MoveRefusesAnExistingDestinationWhileReplaceOverwrites) {
   auto manager = FileManager::defaultManager();
   writeFile(dir / "a", "A");
   writeFile(dir / "b", "B");
-  try {
-    manager->moveItem(dir / "a", dir / "b");
-    FAIL() << "move overwrote an existing file";
-  } catch (const fs::filesystem_error& error) {
-    EXPECT_EQ(error.code(), std::errc::file_exists);
-    EXPECT_EQ(error.path1(), dir / "a");
-  }
+  const auto error = thrown<fs::filesystem_error>([&] { manager->moveItem(dir / "a", dir / "b"); });
+  ASSERT_TRUE(error) << "move overwrote an existing file";
+  EXPECT_EQ(error->code(), std::errc::file_exists);
+  EXPECT_EQ(error->path1(), dir / "a");
   EXPECT_EQ(readFile(dir / "b"), "B");
   manager->replaceItem(dir / "b", dir / "a");
   EXPECT_EQ(readFile(dir / "b"), "A");
@@ -119,15 +115,56 @@ TEST(PosixFileManager, ApplicationSupportFollowsXDGThenHome) {
   EXPECT_TRUE(manager->homeDirectory().is_absolute()) << "taken from the password database";
 }
 
-TEST(UUIDText, IsFreshUpperCaseAndThirtySixCharactersLong) {
-  std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
-  std::set<std::string> seen;
-  for (int i = 0; i < 1000; ++i) {
-    std::string text = makeUUIDString();
-    ASSERT_TRUE(std::regex_match(text, form)) << text;
-    seen.insert(text);
+TEST(Unicode, TrimmingRemovesEveryKindOfSpaceAndLineBreakOnlyAtTheEnds) {
+  EXPECT_EQ(unicode::trimmingWhitespaceAndNewlines(" \t\r\n Left \u00A0\u2028\u0085\u3000"),
+            "Left");
+  EXPECT_EQ(unicode::trimmingWhitespaceAndNewlines("a \u2003 b"), "a \u2003 b");
+  EXPECT_EQ(unicode::trimmingWhitespaceAndNewlines(""), "");
+  EXPECT_TRUE(unicode::isBlank(" \u2029\u000B\u000C"));
+  EXPECT_FALSE(unicode::isBlank("\u200B"));  // zero-width space is a format character, not a space
+  EXPECT_FALSE(unicode::isBlank(" x "));
+}
+
+TEST(Unicode, IdentifiersCompareUnderCanonicalEquivalenceOnly) {
+  EXPECT_TRUE(unicode::canonicallyEqual("caf\u00E9", "cafe\u0301"));
+  EXPECT_EQ(unicode::canonicalKey("caf\u00E9"), unicode::canonicalKey("cafe\u0301"));
+  EXPECT_FALSE(unicode::canonicallyEqual("abc", "ABC"));
+  EXPECT_FALSE(unicode::canonicallyEqual("abc", "abc "));
+  EXPECT_FALSE(unicode::canonicallyEqual("\uFB01", "fi"));  // compatibility, not canonical
+  EXPECT_EQ(unicode::canonicalKey("plain"), "plain");
+}
+
+TEST(Unicode, TruncationNeverSplitsAUserPerceivedCharacter) {
+  std::string threeByte;
+  for (int i = 0; i < 43; ++i) threeByte += "\u20AC";  // 129 bytes
+  std::string cut = unicode::truncatedToByteLength(threeByte, 127);
+  EXPECT_EQ(cut.size(), 126u);
+  EXPECT_EQ(unicode::truncatedToByteLength(std::string(200, 'a'), 127), std::string(127, 'a'));
+  EXPECT_EQ(unicode::truncatedToByteLength("short", 127), "short");
+
+  // A family emoji is one cluster of 25 bytes; an accented letter is two code points.
+  std::string family = "\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466";
+  EXPECT_EQ(unicode::truncatedToByteLength("ab" + family, 26), "ab");
+  EXPECT_EQ(unicode::truncatedToByteLength("ab" + family, 27), "ab" + family);
+  EXPECT_EQ(unicode::truncatedToByteLength("xe\u0301", 2), "x");
+  EXPECT_EQ(unicode::truncatedToByteLength("\u20AC", 2), "");
+  // Bytes that are not UTF-8 never make the result longer than asked.
+  std::string broken = "ab\xE2\x82\xE2\x82\xAC\xFF\xFE";
+  for (std::size_t limit = 0; limit < broken.size(); ++limit) {
+    EXPECT_LE(unicode::truncatedToByteLength(broken, limit).size(), limit);
   }
-  EXPECT_EQ(seen.size(), 1000u);
+}
+
+TEST(Unicode, DecodingReplacesEachMaximalInvalidSubsequence) {
+  EXPECT_EQ(unicode::decodingUTF8Replacing("ok \u00E9"), "ok \u00E9");
+  EXPECT_EQ(unicode::decodingUTF8Replacing("a\xF0\x9F\x98"
+                                           "b"),
+            "a\uFFFDb");                                                  // truncated sequence
+  EXPECT_EQ(unicode::decodingUTF8Replacing("\xC0\xAF"), "\uFFFD\uFFFD");  // overlong form
+  EXPECT_EQ(unicode::decodingUTF8Replacing("\xED\xA0\x80"), "\uFFFD\uFFFD\uFFFD");  // surrogate
+  EXPECT_EQ(unicode::decodingUTF8Replacing(std::string("a\0b", 3)), std::string("a\0b", 3));
+  EXPECT_TRUE(unicode::isValidUTF8("\u00E9\U0001F600"));
+  EXPECT_FALSE(unicode::isValidUTF8("\xFF"));
 }
 
 }  // namespace
