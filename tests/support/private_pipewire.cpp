@@ -9,10 +9,8 @@
 #include <unistd.h>
 
 #include <cmath>
-#include <cstring>
 #include <fstream>
 #include <functional>
-#include <limits>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -244,14 +242,6 @@ void put(std::ofstream& out, T value) {
   out.write(reinterpret_cast<const char*>(&value), sizeof value);
 }
 
-template <class T>
-T get(const std::string& bytes, std::size_t at) {
-  T value{};
-  if (at + sizeof value > bytes.size()) throw std::runtime_error("WAV file cut short");
-  std::memcpy(&value, bytes.data() + at, sizeof value);
-  return value;
-}
-
 }  // namespace
 
 void writeToneWav(const fs::path& path, int channels, double frequency, double amplitude,
@@ -276,64 +266,6 @@ void writeToneWav(const fs::path& path, int channels, double frequency, double a
         static_cast<float>(amplitude * std::sin(2 * M_PI * frequency * frame / rate));
     for (int channel = 0; channel < channels; ++channel) put<float>(out, sample);
   }
-}
-
-std::vector<std::vector<float>> readWav(const fs::path& path) {
-  const std::string bytes = readFile(path);
-  if (bytes.size() < 12 || bytes.compare(0, 4, "RIFF") != 0) {
-    throw std::runtime_error(path.string() + " is not a WAV file");
-  }
-  std::uint16_t format = 0, channels = 0, bits = 0;
-  std::size_t at = 12;
-  while (at + 8 <= bytes.size()) {
-    const std::string id = bytes.substr(at, 4);
-    auto size = get<std::uint32_t>(bytes, at + 4);
-    const std::size_t body = at + 8;
-    if (id == "fmt ") {
-      format = get<std::uint16_t>(bytes, body);
-      channels = get<std::uint16_t>(bytes, body + 2);
-      bits = get<std::uint16_t>(bytes, body + 14);
-      // WAVE_FORMAT_EXTENSIBLE names the real format in its sub-format GUID.
-      if (format == 0xFFFE) format = get<std::uint16_t>(bytes, body + 24);
-    } else if (id == "data") {
-      if (channels == 0) break;
-      // A recorder stopped by a signal may leave the size unwritten.
-      if (size == 0 || size == 0xFFFFFFFF || body + size > bytes.size()) {
-        size = static_cast<std::uint32_t>(bytes.size() - body);
-      }
-      std::vector<std::vector<float>> result(channels);
-      const std::size_t width = bits / 8u;
-      const std::size_t frames = size / (width * channels);
-      for (std::size_t frame = 0; frame < frames; ++frame) {
-        for (std::size_t channel = 0; channel < channels; ++channel) {
-          const std::size_t offset = body + (frame * channels + channel) * width;
-          if (format == 3 && bits == 32) {
-            result[channel].push_back(get<float>(bytes, offset));
-          } else if (format == 1 && bits == 16) {
-            result[channel].push_back(static_cast<float>(get<std::int16_t>(bytes, offset)) /
-                                      32768.0f);
-          } else {
-            throw std::runtime_error(path.string() + ": unsupported sample format");
-          }
-        }
-      }
-      return result;
-    }
-    at = body + size + (size & 1u);
-  }
-  throw std::runtime_error(path.string() + " has no audio data");
-}
-
-double rmsDecibels(const std::vector<float>& samples, std::size_t from, std::size_t to) {
-  to = std::min(to, samples.size());
-  if (from >= to) return -std::numeric_limits<double>::infinity();
-  double sum = 0;
-  for (std::size_t i = from; i < to; ++i) sum += double(samples[i]) * samples[i];
-  return 10 * std::log10(sum / static_cast<double>(to - from));
-}
-
-double sineDecibels(double amplitude) {
-  return 20 * std::log10(amplitude / std::sqrt(2.0));
 }
 
 }  // namespace brisola::testing

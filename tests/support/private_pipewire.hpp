@@ -86,14 +86,9 @@ class PrivatePipeWire {
   std::unique_ptr<TiedProcess> sessionManager_;
 };
 
-// Audio files for players and recorders: 32-bit float WAV, interleaved.
+// A tone file for players that are processes of their own (pw-play): a sine of `amplitude` on
+// every channel, 32-bit float WAV.
 void writeToneWav(const std::filesystem::path& path, int channels, double frequency,
                   double amplitude, double seconds, int rate = 48000);
-// One vector of samples per channel.
-std::vector<std::vector<float>> readWav(const std::filesystem::path& path);
-// RMS of `samples[from, to)`, in dBFS (-inf for silence).
-double rmsDecibels(const std::vector<float>& samples, std::size_t from, std::size_t to);
-// The amplitude in dBFS of a sine whose peak is `amplitude`: RMS = amplitude / sqrt(2).
-double sineDecibels(double amplitude);
 
 }  // namespace brisola::testing
