@@ -174,7 +174,7 @@ TEST_F(VirtualDevices, AControlChangeIsHeardWithin50Milliseconds) {
   startProgram();
   publish({device("d1")});
   auto tone = probe_.play({.target = "d1", .amplitudes = {0.5, 0.5}});
-  auto mix = probe_.record({.target = "d1.mix", .latency = "256/48000"});
+  auto mix = probe_.record({.target = "d1.mix"});  // at the graph's default quantum
   ASSERT_TRUE(mix->waitForMore(9600, 5s));
 
   for (int attempt = 0; attempt < 5; ++attempt) {
