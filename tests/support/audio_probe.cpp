@@ -114,14 +114,13 @@ void AudioProbe::Stream::disconnect() {
 }
 
 void AudioProbe::Stream::connect(const char* name, bool output, const std::string& target,
-                                 bool sinkMonitor, const std::string& latency) {
+                                 bool sinkMonitor) {
   Locked locked(probe_.loop_);
   pw_properties* properties = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY,
                                                 output ? "Playback" : "Capture", PW_KEY_MEDIA_ROLE,
                                                 "Music", PW_KEY_NODE_NAME, name, nullptr);
   if (!target.empty()) pw_properties_set(properties, PW_KEY_TARGET_OBJECT, target.c_str());
   if (sinkMonitor) pw_properties_set(properties, PW_KEY_STREAM_CAPTURE_SINK, "true");
-  if (!latency.empty()) pw_properties_set(properties, PW_KEY_NODE_LATENCY, latency.c_str());
   stream_ = pw_stream_new_simple(pw_thread_loop_get_loop(probe_.loop_), name, properties,
                                  &Listener::events, this);
   if (stream_ == nullptr) throw std::runtime_error("cannot make the stream " + std::string(name));
@@ -150,7 +149,7 @@ AudioProbe::Recorder::Recorder(AudioProbe& probe, const RecordSpec& spec)
     : Stream(probe, spec.channels),
       samples_(spec.channels, std::vector<float>(static_cast<std::size_t>(spec.seconds * rate))),
       blocks_(static_cast<std::size_t>(spec.seconds * rate / 16)) {
-  connect(spec.name.c_str(), false, spec.target, spec.sinkMonitor, spec.latency);
+  connect(spec.name.c_str(), false, spec.target, spec.sinkMonitor);
 }
 
 AudioProbe::Recorder::~Recorder() {

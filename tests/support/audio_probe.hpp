@@ -30,7 +30,6 @@ struct RecordSpec {
   std::size_t channels = 2;
   bool sinkMonitor = false;  // a sink's monitor rather than a source
   double seconds = 30;       // the most kept
-  std::string latency;       // node.latency, e.g. "256/48000"; empty: the graph's own
   std::string name = "brisola-test-recorder";
 };
 
@@ -65,8 +64,7 @@ class AudioProbe::Stream {
   // Takes the stream out of the graph; every derived destructor calls it first, so that the
   // audio thread never runs a process() whose object is half gone.
   void disconnect();
-  void connect(const char* name, bool output, const std::string& target, bool sinkMonitor,
-               const std::string& latency = {});
+  void connect(const char* name, bool output, const std::string& target, bool sinkMonitor);
   virtual void process() = 0;
   AudioProbe& probe_;
   pw_stream* stream_ = nullptr;
