@@ -11,8 +11,10 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <thread>
 
 #include "brisola/devices/core_audio_device_registry.hpp"
@@ -27,16 +29,32 @@ namespace {
 using namespace brisola;
 using namespace std::chrono_literals;
 
-// CPU time of every thread of a process, to the nanosecond (scheduler statistics).
-double cpuSeconds(pid_t pid) {
-  double total = 0;
+// CPU time of each thread of a process by the thread's name and id, to the nanosecond (scheduler
+// statistics), with the number of times it was switched in.
+struct ThreadCost {
+  double seconds = 0;
+  double switches = 0;
+};
+std::map<std::string, ThreadCost> threadCosts(pid_t pid) {
+  std::map<std::string, ThreadCost> costs;
   const auto tasks = std::filesystem::path("/proc") / std::to_string(pid) / "task";
   std::error_code error;
   for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
-    std::ifstream schedstat(task.path() / "schedstat");
-    double nanoseconds = 0;
-    if (schedstat >> nanoseconds) total += nanoseconds / 1e9;
+    std::ifstream schedstat(task.path() / "schedstat"), comm(task.path() / "comm");
+    std::string name;
+    double nanoseconds = 0, waiting = 0, slices = 0;
+    if (std::getline(comm, name) && schedstat >> nanoseconds >> waiting >> slices) {
+      auto& cost = costs[name + " (" + task.path().filename().string() + ")"];
+      cost.seconds += nanoseconds / 1e9;
+      cost.switches += slices;
+    }
   }
+  return costs;
+}
+
+double cpuSeconds(pid_t pid) {
+  double total = 0;
+  for (const auto& [name, cost] : threadCosts(pid)) total += cost.seconds;
   return total;
 }
 
@@ -115,14 +133,28 @@ int main() {
     streams.push_back(probe.record({.target = device.uid + ".mix", .seconds = 1}));
   }
   std::this_thread::sleep_for(2s);
+  const auto threadsBefore = threadCosts(program->pid());
   const double before = cpuSeconds(program->pid());
   const auto start = std::chrono::steady_clock::now();
   std::this_thread::sleep_for(10s);
   const double used = cpuSeconds(program->pid()) - before;
+  // Where it goes: each thread's share and its wake-ups per second.
+  for (const auto& [name, cost] : threadCosts(program->pid())) {
+    const auto was = threadsBefore.find(name);
+    if (was == threadsBefore.end()) continue;
+    std::printf("  thread %s: %.2f%% of one core, %.0f wake-ups a second\n", name.c_str(),
+                10 * (cost.seconds - was->second.seconds),
+                (cost.switches - was->second.switches) / 10);
+  }
   const double elapsed =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   std::printf("16 stereo devices: %.3f s of CPU in %.1f s = %.2f%% of one core\n", used, elapsed,
               100 * used / elapsed);
+  if (std::getenv("BRISOLA_BENCH_PAUSE")) {  // time to look at the running program
+    std::printf("pausing: pid %d\n", program->pid());
+    std::fflush(stdout);
+    std::this_thread::sleep_for(60s);
+  }
   streams.clear();
 
   // The helpers, each moving a tone, all at once.
