@@ -258,7 +258,7 @@ TEST_F(VirtualDevices, SixteenDevicesAndARemovedSlotLeavesTheOthersPlaying) {
     EXPECT_FALSE(RuntimeMeterStore::reading(RuntimeMeterStore::outputOwnerID(removed)).has_value());
   }
   EXPECT_LE(disturbed, 1) << "removing a slot broke the sound of another device";
-  expectLevels(mix->recentLevels(100ms), {0.5, 0.5});
+  expectLevels(settled(*mix, {0.5, 0.5}, 0ms), {0.5, 0.5});
 }
 
 TEST_F(VirtualDevices, MetersShowTheLevelsOfBothSides) {
