@@ -282,5 +282,18 @@ TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {
   EXPECT_EQ(messages(service->standardOutput()).back(), "Stopped Brisola audio service");
 }
 
+TEST_F(ServiceProcess, NoHelperOutlivesAServiceKilledOutright) {
+  writeDocument(studioDocument());
+  auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
+  ASSERT_TRUE(eventually([&] { return recordedHelpers(dir_ / "records").size() == 2; }))
+      << service->standardOutput();
+  service->signal(SIGKILL);
+  ASSERT_EQ(service->waitFor(10s), 128 + SIGKILL);
+  for (const auto& [pid, variables] : recordedHelpers(dir_ / "records")) {
+    EXPECT_TRUE(eventually([pid] { return !alive(pid); }, 5s)) << "helper " << pid << " lives on";
+    ::kill(pid, SIGKILL);
+  }
+}
+
 }  // namespace
 }  // namespace brisola
