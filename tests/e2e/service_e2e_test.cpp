@@ -155,6 +155,20 @@ TEST_F(ServiceProcess, DryRunPrintsControlsAndRoutesWithoutTouchingAnything) {
               ::testing::ElementsAre("Dry run: 0 device(s)", "Dry run route: none"));
 }
 
+TEST_F(ServiceProcess, AnswersHelpAndVersionAndRefusesOtherArguments) {
+  const std::vector<std::tuple<std::string, int, std::string>> rows{
+      {"--version", 0, "brisola-audio-service 0.1.0\n"},
+      {"--help", 0, "Usage: brisola-audio-service [--help] [--version]\n"},
+      {"--bogus", 64, ""},
+  };
+  for (const auto& [argument, status, start] : rows) {
+    auto result = testing::runToCompletion(servicePath(), {argument}, environment({}), dir_.path());
+    EXPECT_EQ(result.status, status) << argument;
+    EXPECT_EQ(result.out.substr(0, start.size()), start) << argument;
+  }
+  EXPECT_FALSE(fs::exists(dir_ / "config.json")) << "the document was touched";
+}
+
 TEST_F(ServiceProcess, MissingHelperIsFatalAndNamedAlone) {
   environment_.erase("BRISOLA_HELPER_DIR");
   // A copy of its own: beside the built service lie the real helpers.

@@ -378,6 +378,10 @@ TEST_F(CtlTest, UnreadableSimulatedHardwareIsAnErrorNotAnEmptyList) {
 }
 
 TEST_F(CtlTest, GraphDrawsDevicesWiresAndNesting) {
+  // A valid document that nests has nothing missing.
+  writeDocument(editableDocument());
+  EXPECT_EQ(run({"graph"}).out.find("missing"), std::string::npos);
+
   ConfigSnapshot snapshot = editableDocument();
   snapshot.devices[0].name = "Studio \"A\"";
   snapshot.devices[1].wires.push_back(
@@ -414,7 +418,7 @@ TEST_F(CtlTest, HelpOnEveryLevelAndVersion) {
     EXPECT_EQ(result.status, 0);
     EXPECT_NE(result.out.find("Usage"), std::string::npos) << result.out;
   }
-  EXPECT_EQ(run({"--version"}).out, "0.1.0\n");
+  EXPECT_EQ(run({"--version"}).out, "brisolactl 0.1.0\n");
   EXPECT_EQ(run({}).status, 64);
 }
 

@@ -107,7 +107,7 @@ int main(int argc, char** argv) {
       "Inspects and edits Brisola's virtual audio devices: the configuration document, "
       "the audio hardware, and the live state the service shares.",
       "brisolactl"};
-  app.set_version_flag("--version", std::string(BRISOLA_VERSION));
+  app.set_version_flag("--version", "brisolactl " + std::string(BRISOLA_VERSION));
   app.add_option("--config", context.configOption,
                  "The configuration document. Default: BRISOLA_CONFIG_PATH when set and not "
                  "empty, else the service's default location.");

@@ -38,6 +38,7 @@ std::string table(const std::vector<Row>& rows) {
       line += row[i];
       if (i + 1 < row.size()) line += std::string(widths[i] - columns(row[i]) + 2, ' ');
     }
+    line.erase(line.find_last_not_of(' ') + 1);  // an empty last cell leaves no padding
     out << line << '\n';
   }
   return out.str();
