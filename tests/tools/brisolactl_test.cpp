@@ -259,7 +259,7 @@ TEST_F(CtlTest, RefusedEditsAndWrongCommandLinesLeaveTheFileByteForByte) {
       {{"source", "add", "studio", "application"}, 64, "brisolactl: An application source needs"},
   };
   for (const auto& [arguments, status, error] : rows) {
-    SCOPED_TRACE(arguments[0] + " " + arguments[1]);
+    SCOPED_TRACE(arguments.front() + " ... " + arguments.back());
     const auto result = run(arguments);
     EXPECT_EQ(result.status, status);
     EXPECT_EQ(result.out, "");
