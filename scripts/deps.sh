@@ -14,9 +14,9 @@ for package in "${packages[@]}"; do
 done
 
 if ((${#missing[@]})); then
-  echo "Installing: ${missing[*]}"
+  echo "scripts/deps.sh: installing the missing Debian packages: ${missing[*]}"
   if [[ $(id -u) -ne 0 ]]; then sudo=sudo; else sudo=; fi
   export DEBIAN_FRONTEND=noninteractive
-  $sudo apt-get update -qq
-  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  $sudo apt-get update
+  $sudo apt-get install -y --no-install-recommends "${missing[@]}"
 fi

@@ -122,7 +122,54 @@ void BrisolaService::runDry() {
   for (const auto& route : routes) BrisolaServiceLog::write("Dry run route: " + route.summary);
 }
 
+namespace {
+
+constexpr const char* helpText =
+    R"(Usage: brisola-audio-service [--help] [--version]
+
+The background audio-routing service of Brisola. Every poll cycle it beats the heartbeat file,
+loads the configuration document (creating the empty one on first use), publishes every
+device's live controls to the shared-memory block /brisolaruntime3, and starts, restarts and
+stops one helper per audio path. SIGTERM or SIGINT stops it and every helper; helpers also die
+with it when it is killed.
+
+Options:
+  --help     Print this help and exit.
+  --version  Print the version and exit.
+
+Environment:
+  BRISOLA_CONFIG_PATH           The document (default: <Application Support>/Brisola/config.json,
+                                Application Support being $XDG_DATA_HOME or ~/.local/share).
+  BRISOLA_HELPER_DIR            The first directory searched for the helpers; then the service's
+                                own directory, build/tools and build/service.
+  BRISOLA_SERVICE_POLL_SECONDS  The poll interval, default 1.0, kept between 0.01 and 3600.
+  BRISOLA_SERVICE_DRY_RUN       1, true, yes or on: load the document once, print the controls
+                                and routes, and exit without touching anything.
+  BRISOLA_SERVICE_ONCE          The same as BRISOLA_SERVICE_DRY_RUN.
+  BRISOLA_HARDWARE_SIMULATION   A simulated hardware file instead of the user's PipeWire.
+
+Exit status:
+  0 stopped by a signal or a finished dry run; 1 a fatal error (logged); 64 a wrong command
+  line.
+)";
+
+}  // namespace
+
 int BrisolaService::main(int argc, char** argv) {
+  if (argc > 1) {
+    const std::string_view option = argv[1];
+    if (option == "--help" || option == "-h") {
+      std::cout << helpText;
+      return 0;
+    }
+    if (option == "--version") {
+      std::cout << "brisola-audio-service " << BRISOLA_VERSION << '\n';
+      return 0;
+    }
+    std::cerr << "brisola-audio-service: unknown option '" << option
+              << "'; see brisola-audio-service --help\n";
+    return 64;
+  }
   Environment environment;
   for (char** entry = environ; *entry != nullptr; ++entry) {
     std::string_view text(*entry);

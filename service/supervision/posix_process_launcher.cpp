@@ -1,14 +1,18 @@
 #include "supervision/posix_process_launcher.hpp"
 
+#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <system_error>
 #include <thread>
 #include <vector>
+
+#include "brisola/platform/unique_fd.hpp"
 
 namespace brisola {
 
@@ -71,53 +75,54 @@ class PosixChildProcess final : public ChildProcess {
   int status_ = 0;
 };
 
-class SpawnAttributes {
- public:
-  SpawnAttributes() { initError_ = ::posix_spawnattr_init(&attributes_); }
-  ~SpawnAttributes() {
-    if (initError_ == 0) ::posix_spawnattr_destroy(&attributes_);
+// Hands the child's errno to the launcher and ends the child.
+[[noreturn]] void failLaunch(int errorPipe, int error) {
+  while (::write(errorPipe, &error, sizeof error) == -1 && errno == EINTR) {
   }
-  SpawnAttributes(const SpawnAttributes&) = delete;
-  SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+  ::_exit(127);
+}
 
+// What the child does between fork and exec: only async-signal-safe calls, since the service
+// may have other threads whose locks the copy inherits in whatever state they were.
+[[noreturn]] void becomeHelper(pid_t service, int errorPipe, const char* path,
+                               char* const* arguments, char* const* environment) {
+  // Killed with the service however it ends, SIGKILL included. A service that died before
+  // this call would never send the signal: then the child is already an orphan.
+  if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) failLaunch(errorPipe, errno);
+  if (::getppid() != service) ::_exit(127);
   // Every signal back to its default action and nothing blocked: the service ignores and
-  // blocks SIGTERM for its own signal handling, and the child must not inherit that.
-  int resetSignals() {
-    if (initError_ != 0) return initError_;
-    sigset_t all;
-    sigset_t none;
-    ::sigfillset(&all);
-    ::sigemptyset(&none);
-    if (int error = ::posix_spawnattr_setsigdefault(&attributes_, &all)) return error;
-    if (int error = ::posix_spawnattr_setsigmask(&attributes_, &none)) return error;
-    return ::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-  }
-  const posix_spawnattr_t* get() const { return &attributes_; }
+  // blocks SIGTERM for its own signal handling. Signals that cannot be reset are skipped.
+  struct sigaction defaultAction {};
+  defaultAction.sa_handler = SIG_DFL;
+  for (int number = 1; number < NSIG; ++number) ::sigaction(number, &defaultAction, nullptr);
+  // Descriptors opened without O_CLOEXEC (by a library, say) must not reach a helper either;
+  // the error pipe closes itself on exec.
+  const unsigned first = STDERR_FILENO + 1;
+  const auto pipe = static_cast<unsigned>(errorPipe);
+  if (pipe > first) ::close_range(first, pipe - 1, 0);
+  ::close_range(pipe < first ? first : pipe + 1, ~0U, 0);
+  sigset_t none;
+  ::sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  ::execve(path, arguments, environment);
+  failLaunch(errorPipe, errno);
+}
 
- private:
-  posix_spawnattr_t attributes_{};
-  int initError_ = 0;
-};
-
-class SpawnFileActions {
+// Blocks every signal for its lifetime, so the forked child runs no handler of the service's
+// before it has reset them.
+class AllSignalsBlocked {
  public:
-  SpawnFileActions() { initError_ = ::posix_spawn_file_actions_init(&actions_); }
-  ~SpawnFileActions() {
-    if (initError_ == 0) ::posix_spawn_file_actions_destroy(&actions_);
+  AllSignalsBlocked() {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &previous_);
   }
-  SpawnFileActions(const SpawnFileActions&) = delete;
-  SpawnFileActions& operator=(const SpawnFileActions&) = delete;
-
-  // Descriptors opened without O_CLOEXEC (by a library, say) must not reach a helper either.
-  int keepOnlyStandardStreams() {
-    if (initError_ != 0) return initError_;
-    return ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
-  }
-  const posix_spawn_file_actions_t* get() const { return &actions_; }
+  ~AllSignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+  AllSignalsBlocked(const AllSignalsBlocked&) = delete;
+  AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
 
  private:
-  posix_spawn_file_actions_t actions_{};
-  int initError_ = 0;
+  sigset_t previous_{};
 };
 
 LaunchError launchError(const std::filesystem::path& executable, int error) {
@@ -129,11 +134,6 @@ LaunchError launchError(const std::filesystem::path& executable, int error) {
 
 LaunchResult PosixProcessLauncher::launch(const std::filesystem::path& executable,
                                           const EnvironmentMap& environment) {
-  SpawnAttributes attributes;
-  if (int error = attributes.resetSignals()) return launchError(executable, error);
-  SpawnFileActions actions;
-  if (int error = actions.keepOnlyStandardStreams()) return launchError(executable, error);
-
   std::string path = executable.string();
   std::vector<char*> arguments{path.data(), nullptr};
   std::vector<std::string> entries;
@@ -144,13 +144,34 @@ LaunchResult PosixProcessLauncher::launch(const std::filesystem::path& executabl
   for (std::string& entry : entries) entryPointers.push_back(entry.data());
   entryPointers.push_back(nullptr);
 
-  pid_t pid = 0;
-  // glibc runs the child until exec before returning, so a missing or non-executable file
-  // is reported here rather than as an exit status of 127.
-  int error = ::posix_spawn(&pid, path.c_str(), actions.get(), attributes.get(), arguments.data(),
-                            entryPointers.data());
-  if (error != 0) return launchError(executable, error);
-  return std::make_unique<PosixChildProcess>(pid);
+  // The child reports a failed exec through this pipe; a successful one closes it, so a
+  // missing or non-executable file is reported here rather than as an exit status of 127.
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC) != 0) return launchError(executable, errno);
+  UniqueFd readEnd(ends[0]);
+  UniqueFd writeEnd(ends[1]);
+  const pid_t service = ::getpid();
+  pid_t pid = -1;
+  {
+    AllSignalsBlocked blocked;
+    pid = ::fork();
+    if (pid == 0) {
+      becomeHelper(service, writeEnd.get(), path.c_str(), arguments.data(), entryPointers.data());
+    }
+  }
+  if (pid < 0) return launchError(executable, errno);
+  writeEnd.reset();
+  int childError = 0;
+  ssize_t got = 0;
+  do {
+    got = ::read(readEnd.get(), &childError, sizeof childError);
+  } while (got == -1 && errno == EINTR);
+  auto child = std::make_unique<PosixChildProcess>(pid);
+  if (got == static_cast<ssize_t>(sizeof childError)) {
+    child.reset();  // reaps the child, which has exited
+    return launchError(executable, childError);
+  }
+  return child;
 }
 
 PosixProcessLauncher& PosixProcessLauncher::shared() {

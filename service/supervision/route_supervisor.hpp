@@ -17,7 +17,7 @@ namespace brisola {
 // Everything runs on the calling thread; exits are found by polling once per reconcile.
 class RouteSupervisor {
  public:
-  // With posix_spawn and the steady clock. The base environment is the service's own; every
+  // With fork/exec and the steady clock. The base environment is the service's own; every
   // helper gets it overlaid by its route's variables.
   explicit RouteSupervisor(EnvironmentMap baseEnvironment);
   RouteSupervisor(EnvironmentMap baseEnvironment, ProcessLauncher& launcher, Clock& clock,

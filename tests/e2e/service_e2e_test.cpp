@@ -155,6 +155,20 @@ TEST_F(ServiceProcess, DryRunPrintsControlsAndRoutesWithoutTouchingAnything) {
               ::testing::ElementsAre("Dry run: 0 device(s)", "Dry run route: none"));
 }
 
+TEST_F(ServiceProcess, AnswersHelpAndVersionAndRefusesOtherArguments) {
+  const std::vector<std::tuple<std::string, int, std::string>> rows{
+      {"--version", 0, "brisola-audio-service 0.1.0\n"},
+      {"--help", 0, "Usage: brisola-audio-service [--help] [--version]\n"},
+      {"--bogus", 64, ""},
+  };
+  for (const auto& [argument, status, start] : rows) {
+    auto result = testing::runToCompletion(servicePath(), {argument}, environment({}), dir_.path());
+    EXPECT_EQ(result.status, status) << argument;
+    EXPECT_EQ(result.out.substr(0, start.size()), start) << argument;
+  }
+  EXPECT_FALSE(fs::exists(dir_ / "config.json")) << "the document was touched";
+}
+
 TEST_F(ServiceProcess, MissingHelperIsFatalAndNamedAlone) {
   environment_.erase("BRISOLA_HELPER_DIR");
   // A copy of its own: beside the built service lie the real helpers.
@@ -280,6 +294,19 @@ TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {
   for (const auto& [pid, variables] : all)
     EXPECT_FALSE(alive(pid)) << "helper " << pid << " outlived the service";
   EXPECT_EQ(messages(service->standardOutput()).back(), "Stopped Brisola audio service");
+}
+
+TEST_F(ServiceProcess, NoHelperOutlivesAServiceKilledOutright) {
+  writeDocument(studioDocument());
+  auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
+  ASSERT_TRUE(eventually([&] { return recordedHelpers(dir_ / "records").size() == 2; }))
+      << service->standardOutput();
+  service->signal(SIGKILL);
+  ASSERT_EQ(service->waitFor(10s), 128 + SIGKILL);
+  for (const auto& [pid, variables] : recordedHelpers(dir_ / "records")) {
+    EXPECT_TRUE(eventually([pid] { return !alive(pid); }, 5s)) << "helper " << pid << " lives on";
+    ::kill(pid, SIGKILL);
+  }
 }
 
 }  // namespace

@@ -122,6 +122,34 @@ TEST(DeleteWire, RemovesEveryWireWithTheIdOnlyInThatDevice) {
   EXPECT_EQ(result, expected.devices[0]);
 }
 
+TEST(DeleteSourceAndMonitor, RemoveEveryElementWithTheIdAndItsWiresOnlyInThatDevice) {
+  ConfigSnapshot document = wiringDocument();
+  Editor::connectWire("dev-1", sourceEnd("mic", 1), outputEnd("dev-1", 2), document);
+  Editor::connectWire("dev-1", outputEnd("dev-1", 1), monitorEnd("spk", 1), document);
+  Editor::connectWire("dev-2", sourceEnd("mic", 1), outputEnd("dev-2", 1), document);
+  expectRejected(
+      document, [](ConfigSnapshot& d) { Editor::deleteSource("dev-1", "spk", d); },
+      ConfigEditError::sourceNotFound("spk"));
+  expectRejected(
+      document, [](ConfigSnapshot& d) { Editor::deleteMonitor("dev-1", "mic", d); },
+      ConfigEditError::monitorNotFound("mic"));
+  expectRejected(
+      document, [](ConfigSnapshot& d) { Editor::deleteMonitor("dev-3", "spk", d); },
+      ConfigEditError::deviceNotFound("dev-3"));
+
+  ConfigSnapshot expected = document;
+  DeviceConfig& one = expected.devices[0];
+  one.sources.resize(1);  // both sources called "mic" go
+  one.wires.erase(one.wires.begin() + 2);
+  // The id is a view of the first source's own id, which the removal moves away.
+  EXPECT_EQ(Editor::deleteSource("dev-1", document.devices[0].sources[1].id, document), one);
+  EXPECT_EQ(document, expected);
+  one.monitors.clear();
+  one.wires.pop_back();
+  EXPECT_EQ(Editor::deleteMonitor("dev-1", "spk", document), one);
+  EXPECT_EQ(document, expected);
+}
+
 // Devices whose virtualDevice sources name the given ids, in order.
 DeviceConfig nesting(std::string id, std::vector<std::string> nested) {
   DeviceConfig device = testing::stereoDevice(id, id);

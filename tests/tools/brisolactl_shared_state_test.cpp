@@ -44,7 +44,9 @@ TEST_F(CtlSharedStateTest, ControlsAreTheLastPublishedRecords) {
 
 // A producer's meter object with constant levels, removed with the test.
 struct StillMeter {
-  std::string owner = "brisola.test.ctl." + std::to_string(::getpid());
+  // The output meter of the device with this UID.
+  std::string uid = "brisola.test.ctl." + std::to_string(::getpid());
+  std::string owner = RuntimeMeterStore::outputOwnerID(uid);
   ShmObject object{RuntimeMeterStore::objectName(owner), 4096};
 
   StillMeter() {
@@ -54,6 +56,14 @@ struct StillMeter {
     object.setF32(24, 0.125f);
     object.setF32(276, 1.0f);
     object.setF32(280, 0.25f);
+  }
+
+  // A document whose device "Test Mix" (id "mix-id") plays into the meter.
+  ConfigSnapshot document() const {
+    ConfigSnapshot snapshot = ConfigSnapshot::empty();
+    snapshot.devices.push_back(stereoDevice("mix-id", "Test Mix"));
+    snapshot.devices.back().uid = uid;
+    return snapshot;
   }
 };
 
@@ -65,6 +75,13 @@ TEST_F(CtlSharedStateTest, MeterReadingsAndTheirAbsence) {
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, encodeJSON(*reading) + "\n");
 
+  // --device takes the UID, or the id or name of a device of the document.
+  writeDocument(meter.document());
+  for (const std::string& device : {meter.uid, std::string("mix-id"), std::string("test mix")}) {
+    result = run({"meter", "--device", device});
+    EXPECT_EQ(result.out, encodeJSON(*reading) + "\n") << device << result.err;
+  }
+
   result = run({"meter", "--device", "no-such-device", "--side", "source"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "");
@@ -73,8 +90,10 @@ TEST_F(CtlSharedStateTest, MeterReadingsAndTheirAbsence) {
 
 TEST_F(CtlSharedStateTest, WatchShowsBarsThenTheFrozenMeterAsAbsentUntilInterrupted) {
   StillMeter meter;
-  RunningProcess watch(program(), {"meter", "--watch", "--owner", meter.owner}, environment(),
+  writeDocument(meter.document());
+  RunningProcess watch(program(), {"meter", "--watch", "--device", "Test Mix"}, environment(),
                        directory().path(), directory().path());
+  ASSERT_TRUE(watch.waitForOutput("Test Mix  (Ctrl-C to stop)", 5s)) << watch.standardOutput();
   // -6 dB on channel 1 fills 54 of 60 dB: 43 of 48 cells.
   ASSERT_TRUE(watch.waitForOutput("   1 [" + std::string(43, '='), 5s)) << watch.standardOutput();
   // The levels never change, so the tap declares the meter absent after 0.3 s.

@@ -2,14 +2,19 @@
 // hardware. Expected outputs come from the library itself, so the tests catch a command that
 // calls the wrong operation, parses an argument wrongly, or saves when it must not.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 
+#include <algorithm>
+#include <cmath>
 #include <functional>
 
 #include "brisola/devices/core_audio_device_registry.hpp"
 #include "brisola/editing/config_editor.hpp"
 #include "brisola/ipc/exchange_records.hpp"
 #include "brisola/store/config_store.hpp"
+#include "brisola/store/document_lock.hpp"
 #include "support/documents.hpp"
 #include "support/thrown.hpp"
 #include "tools/ctl_fixture.hpp"
@@ -114,6 +119,21 @@ TEST_F(CtlTest, EditsParseEachKindOfArgumentAndSaveWhatTheEditorMakes) {
        [](auto& in) {
          return encodeJSON(Editor::setMonitorControls("studio", "spk", false, true, 0.75, in));
        }},
+      // Names, case-insensitive names and id prefixes; relative levels and toggles.
+      {{"device", "volume", "NESTED", "-3dB"},
+       [](auto& in) {
+         return encodeJSON(Editor::setDeviceVolume("nest", std::pow(10.0, -3.0 / 20.0), in));
+       }},
+      {{"device", "volume", "stu", "+10%"},
+       [](auto& in) { return encodeJSON(Editor::setDeviceVolume("studio", 0.75 + 0.1, in)); }},
+      {{"source", "set", "studio", "Sketchpad — ünïcødé", "--muted", "toggle", "--gain", "50%"},
+       [](auto& in) {
+         return encodeJSON(Editor::setSourceControls("studio", "app", true, false, 0.5, in));
+       }},
+      {{"source", "delete", "studio", "mic"},
+       [](auto& in) { return encodeJSON(Editor::deleteSource("studio", "mic", in)); }},
+      {{"monitor", "delete", "studio", "speakers"},
+       [](auto& in) { return encodeJSON(Editor::deleteMonitor("studio", "spk", in)); }},
       // An existing wire is printed and nothing is added.
       {{"wire", "connect", "studio", "deviceOutput:studio:1", "monitor:spk:1"},
        [](auto& in) {
@@ -204,8 +224,14 @@ TEST_F(CtlTest, RefusedEditsAndWrongCommandLinesLeaveTheFileByteForByte) {
     const auto error = thrown<ConfigEditError>([&] { edit(copy); });
     return "brisolactl: " + std::string(error ? error->what() : "accepted") + "\n";
   };
-  // Exact for the editor's refusals (status 1), a prefix for command-line errors (64).
+  const std::string invalid =
+      "brisolactl: the change would add 1 validation error(s); nothing "
+      "was saved (--force saves it anyway):\n  devices[";
+  // The start of standard error.
   const std::vector<std::tuple<std::vector<std::string>, int, std::string>> rows{
+      {{"device", "volume", "studio", "5"}, 1, invalid + "0].volume: "},
+      {{"source", "set", "studio", "app", "--gain", "3"}, 1, invalid + "0].sources[1].gain: "},
+      {{"device", "add", ""}, 1, invalid + "2].name: "},
       {{"source", "set", "studio", "ghost", "--muted", "true"}, 1, editorError([](auto& in) {
          return encodeJSON(Editor::setSourceControls("studio", "ghost", true, true, 1, in));
        })},
@@ -215,18 +241,103 @@ TEST_F(CtlTest, RefusedEditsAndWrongCommandLinesLeaveTheFileByteForByte) {
       {{"wire", "connect", "studio", "source:mic", "deviceOutput:studio:1"},
        64,
        "brisolactl: Wire endpoint 'source:mic'"},
-      {{"device", "volume", "studio", "loud"}, 64, "Could not convert"},
+      {{"device", "volume", "studio", "loud"}, 64, "brisolactl: 'loud' is not a level"},
+      {{"source", "set", "studio", "app", "--muted", "maybe"},
+       64,
+       "brisolactl: --muted takes true, false or toggle, not 'maybe'\n"},
+      {{"source", "delete", "studio", "s"},
+       64,
+       "brisolactl: 's' could be any of 2 sources: studio-pt (Pass-Thru), sys (System); give "
+       "the id\n"},
+      {{"devcies"}, 64, "brisolactl: unknown command 'devcies'; did you mean 'devices'?\n"},
+      {{"--config", "x.json", "device", "ad", "X"},
+       64,
+       "brisolactl: unknown command 'ad'; did you mean 'add'?\n"},
+      {{"device", "frobnicate"},
+       64,
+       "brisolactl: unknown command 'frobnicate'; see brisolactl device --help\n"},
       {{"source", "add", "studio", "application"}, 64, "brisolactl: An application source needs"},
-      {{"device", "frobnicate"}, 64, ""},
   };
   for (const auto& [arguments, status, error] : rows) {
-    SCOPED_TRACE(arguments[0] + " " + arguments[1]);
+    SCOPED_TRACE(arguments.front() + " ... " + arguments.back());
     const auto result = run(arguments);
     EXPECT_EQ(result.status, status);
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(status == 1 ? result.err : result.err.substr(0, error.size()), error);
+    EXPECT_EQ(result.err.substr(0, error.size()), error);
     EXPECT_EQ(readFile(document()), bytes);
   }
+  // --force saves what the editor made; errors already there never block a later edit.
+  auto result = run({"device", "volume", "studio", "5", "--force"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(readDocument().devices[0].volume, 5.0);
+  result = run({"device", "rename", "studio", "Loud"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(readDocument().devices[0].name, "Loud");
+}
+
+TEST_F(CtlTest, ConcurrentEditsAreAllKeptAndALockHeldTooLongIsAnError) {
+  writeDocument(ConfigSnapshot::empty());
+  std::vector<std::unique_ptr<RunningProcess>> edits;
+  std::vector<std::string> names;
+  for (int i = 0; i < 10; ++i) {
+    names.push_back("Device " + std::to_string(i));
+    edits.push_back(std::make_unique<RunningProcess>(
+        program(), std::vector<std::string>{"device", "add", names.back()}, environment(),
+        directory().path(), directory().path()));
+  }
+  for (auto& edit : edits)
+    EXPECT_EQ(edit->waitFor(std::chrono::seconds(30)), 0) << edit->standardError();
+  std::vector<std::string> kept;
+  for (const auto& device : readDocument().devices) kept.push_back(device.name);
+  std::sort(kept.begin(), kept.end());
+  EXPECT_EQ(kept, names);
+
+  const std::string bytes = readFile(document());
+  const auto lockURL = DocumentLock::lockURL(document());
+  UniqueFd holder(::open(lockURL.c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(::flock(holder.get(), LOCK_EX), 0);
+  const auto result = run({"device", "add", "Late"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(
+      result.err,
+      "brisolactl: " +
+          std::string(DocumentLockError::timedOut(lockURL, DocumentLock::defaultWait).what()) +
+          "\n");
+  EXPECT_EQ(readFile(document()), bytes);
+}
+
+TEST_F(CtlTest, ListsAreAlignedTablesOnATerminalAndJSONArraysOtherwise) {
+  const ConfigSnapshot snapshot = editableDocument();
+  writeDocument(snapshot);
+  const auto indented = [](const std::string& json) {
+    std::string result = "  ";
+    for (char c : json) result += c == '\n' ? std::string("\n  ") : std::string(1, c);
+    return result;
+  };
+  const auto& sources = snapshot.devices[0].sources;
+  std::string expected = "[\n";
+  for (std::size_t i = 0; i < sources.size(); ++i) {
+    expected += indented(encodeJSON(sources[i])) + (i + 1 < sources.size() ? ",\n" : "\n]\n");
+  }
+  EXPECT_EQ(run({"source", "list", "studio"}).out, expected);
+
+  // On a terminal (script(1) gives one): columns line up, counted in characters.
+  const auto onTerminal = [&](const std::string& command) {
+    auto result = runToCompletion("/usr/bin/script",
+                                  {"-qec", program().string() + " " + command, "/dev/null"},
+                                  environment(), directory().path());
+    std::erase(result.out, '\r');
+    return result.out;
+  };
+  EXPECT_EQ(onTerminal("wire list nest"),
+            "ID       FROM              TO\n"
+            "nest-w1  source:nest-pt:1  deviceOutput:nest:1\n"
+            "nest-w2  source:nest-pt:2  deviceOutput:nest:2\n");
+  EXPECT_EQ(run({"wire", "list", "nest", "--json"}).out, run({"wire", "list", "nest"}).out);
+  const std::string table = onTerminal("source list studio --config " + document().string());
+  EXPECT_NE(table.find("app        Sketchpad — ünïcødé  application    yes      yes    1.25   2\n"),
+            std::string::npos)
+      << table;
 }
 
 TEST_F(CtlTest, DocumentsThatCannotBeLoadedAreNeverOverwrittenButMissingOnesAreStarted) {
@@ -267,6 +378,10 @@ TEST_F(CtlTest, UnreadableSimulatedHardwareIsAnErrorNotAnEmptyList) {
 }
 
 TEST_F(CtlTest, GraphDrawsDevicesWiresAndNesting) {
+  // A valid document that nests has nothing missing.
+  writeDocument(editableDocument());
+  EXPECT_EQ(run({"graph"}).out.find("missing"), std::string::npos);
+
   ConfigSnapshot snapshot = editableDocument();
   snapshot.devices[0].name = "Studio \"A\"";
   snapshot.devices[1].wires.push_back(
@@ -303,7 +418,7 @@ TEST_F(CtlTest, HelpOnEveryLevelAndVersion) {
     EXPECT_EQ(result.status, 0);
     EXPECT_NE(result.out.find("Usage"), std::string::npos) << result.out;
   }
-  EXPECT_EQ(run({"--version"}).out, "0.1.0\n");
+  EXPECT_EQ(run({"--version"}).out, "brisolactl 0.1.0\n");
   EXPECT_EQ(run({}).status, 64);
 }
 

@@ -42,6 +42,8 @@ class Failure : public std::runtime_error {
 // What every command shares: the document's location, chosen once the command line is parsed.
 struct Context {
   std::optional<std::string> configOption;
+  // Edits: save a change even when it adds validation errors.
+  bool force = false;
   // Set by a command's callback; main() returns it.
   int status = Exit::success;
 
@@ -52,6 +54,16 @@ struct Context {
   ConfigSnapshot loadDocument() const;
 };
 
+// Devices, sources and monitors named as people name them: the id, the name (exactly, then
+// ignoring case), or a unique prefix of the id, in that order. Text that names nothing comes
+// back unchanged for the editor to report; text that names several is Failure(usage) listing
+// them.
+namespace Naming {
+std::string device(const std::string& text, const ConfigSnapshot& in);
+std::string source(const std::string& text, const DeviceConfig& device);
+std::string monitor(const std::string& text, const DeviceConfig& device);
+}  // namespace Naming
+
 // Writes a JSON text (or any text) and a line feed to standard output.
 void print(const std::string& text);
 
@@ -59,12 +71,14 @@ void addDocumentCommands(CLI::App& app, Context& context);
 void addHardwareCommands(CLI::App& app, Context& context);
 void addRuntimeCommands(CLI::App& app, Context& context);
 void addEditCommands(CLI::App& app, Context& context);
+// After addEditCommands: adds `list` to its groups.
+void addListCommands(CLI::App& app, Context& context);
 
 // The document's routing as a Graphviz digraph.
 std::string dotGraph(const ConfigSnapshot& snapshot);
 
-// Redraws the owner's meter a few times a second until SIGINT or SIGTERM.
-void watchMeter(const std::string& ownerID);
+// Redraws the owner's meter under `title` a few times a second until SIGINT or SIGTERM.
+void watchMeter(const std::string& ownerID, const std::string& title);
 
 int main(int argc, char** argv);
 

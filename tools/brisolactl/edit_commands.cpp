@@ -3,7 +3,9 @@
 // file or nothing) and prints what changed. A refused change saves nothing.
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
+#include <cmath>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -12,6 +14,7 @@
 #include "brisola/editing/config_editor.hpp"
 #include "brisola/model/json_coding.hpp"
 #include "brisola/platform/uuid.hpp"
+#include "brisola/store/document_lock.hpp"
 #include "brisola/validation/validation.hpp"
 #include "brisolactl/ctl.hpp"
 
@@ -31,6 +34,7 @@ struct Arguments {
   bool enabled = true;
   bool muted = false;
   double gain = 1.0;
+  std::string enabledText, mutedText, gainText, levelText;
   bool flag = false;
   std::string from;
   std::string to;
@@ -44,6 +48,8 @@ struct Arguments {
   std::string deviceUID;
   std::string inputBackend;
   bool noWire = false;
+  // What `element` names, set when the command is recognised.
+  enum class Names { other, source, monitor, device } elementNames = Names::other;
   // benchmark prepare
   std::string inputUID, inputName, monitorUID, monitorName;
   std::int64_t inputChannels = 0, monitorChannels = 0, firstChannel = 0;
@@ -51,10 +57,73 @@ struct Arguments {
 
 using Edit = std::function<std::string(ConfigSnapshot&)>;
 
+// Parsed into while the program runs; one process runs one command.
+Arguments& arguments() {
+  static Arguments parsed;
+  return parsed;
+}
+
+// The device and element as the editor knows them: by id.
+void resolveNames(Arguments& a, const ConfigSnapshot& in) {
+  if (a.device.empty()) return;
+  a.device = Naming::device(a.device, in);
+  const auto device = std::find_if(in.devices.begin(), in.devices.end(),
+                                   [&](const DeviceConfig& d) { return d.id == a.device; });
+  switch (a.elementNames) {
+    case Arguments::Names::source:
+      if (device != in.devices.end()) a.element = Naming::source(a.element, *device);
+      break;
+    case Arguments::Names::monitor:
+      if (device != in.devices.end()) a.element = Naming::monitor(a.element, *device);
+      break;
+    case Arguments::Names::device:
+      a.element = Naming::device(a.element, in);
+      break;
+    case Arguments::Names::other:
+      break;
+  }
+}
+
+// Declares what the command's element argument names.
+CLI::App* naming(CLI::App* sub, Arguments::Names names) {
+  sub->preparse_callback([names](std::size_t) { arguments().elementNames = names; });
+  return sub;
+}
+
+// The errors of `after` that `before` did not have. Paths hold indices that a deletion
+// shifts, so an error only counts as old when `before` has one of the same code and message.
+std::vector<ValidationIssue> addedErrors(const ValidationResult& before,
+                                         const ValidationResult& after) {
+  std::vector<ValidationIssue> pool = before.errors;
+  std::vector<ValidationIssue> added;
+  const auto take = [&pool](const auto& matches) {
+    auto it = std::find_if(pool.begin(), pool.end(), matches);
+    if (it == pool.end()) return false;
+    pool.erase(it);
+    return true;
+  };
+  std::vector<const ValidationIssue*> unmatched;
+  for (const auto& issue : after.errors) {
+    if (!take([&](const ValidationIssue& old) { return old == issue; })) {
+      unmatched.push_back(&issue);
+    }
+  }
+  for (const ValidationIssue* issue : unmatched) {
+    if (!take([&](const ValidationIssue& old) {
+          return old.code == issue->code && old.message == issue->message;
+        })) {
+      added.push_back(*issue);
+    }
+  }
+  return added;
+}
+
 // A document that does not exist yet is edited from the empty document; one that exists but
 // cannot be read is never touched.
 void editDocument(const Context& context, const Edit& edit) {
   const ConfigStore store = context.store();
+  // Held from the read to the rename, so concurrent edits apply one after the other.
+  const DocumentLock lock(store.url());
   ConfigSnapshot snapshot;
   try {
     snapshot = store.load();
@@ -62,13 +131,20 @@ void editDocument(const Context& context, const Edit& edit) {
     if (error.errorCase() != ConfigStoreError::Case::missingConfig) throw;
     snapshot = ConfigSnapshot::empty();
   }
+  const ValidationResult before = store.validator().validate(snapshot);
   const std::string output = edit(snapshot);
+  const ValidationResult after = store.validator().validate(snapshot);
+  const auto added = addedErrors(before, after);
+  if (!added.empty() && !context.force) {
+    std::string message = "the change would add " + std::to_string(added.size()) +
+                          " validation error(s); nothing was saved (--force saves it anyway):";
+    for (const auto& issue : added) message += "\n  " + issue.path + ": " + issue.message;
+    throw Failure(Exit::negative, message);
+  }
   store.save(snapshot);
   print(output);
-  // The editor stores what it is given; say so when that leaves the document invalid.
-  const auto errors = store.validator().validate(snapshot).errors.size();
-  if (errors > 0) {
-    std::cerr << "brisolactl: warning: the document now has " << errors
+  if (!after.isValid()) {
+    std::cerr << "brisolactl: warning: the document now has " << after.errors.size()
               << " validation error(s); see brisolactl validate\n";
   }
 }
@@ -76,7 +152,12 @@ void editDocument(const Context& context, const Edit& edit) {
 CLI::App* command(CLI::App& parent, const std::string& name, const std::string& description,
                   const Context& context, Edit edit) {
   CLI::App* sub = parent.add_subcommand(name, description);
-  sub->callback([&context, edit = std::move(edit)] { editDocument(context, edit); });
+  sub->callback([&context, edit = std::move(edit)] {
+    editDocument(context, [&edit](ConfigSnapshot& in) {
+      resolveNames(arguments(), in);
+      return edit(in);
+    });
+  });
   return sub;
 }
 
@@ -208,8 +289,55 @@ MonitorConfig addMonitor(const Arguments& a, ConfigSnapshot& in) {
   return monitor;
 }
 
+// A level as people write it: "0.8" or "80%" set it; "+10%" and "-10%" add or take ten
+// hundredths (unity being 100%); "+3dB" and "-3dB" scale it, "0dB" sets it. Not clamped: a
+// result out of range is the validator's to refuse.
+double adjustedLevel(const std::string& text, double current) {
+  std::string_view rest = text;
+  const bool relative = !rest.empty() && (rest.front() == '+' || rest.front() == '-');
+  const double sign = relative && rest.front() == '-' ? -1.0 : 1.0;
+  if (relative) rest.remove_prefix(1);
+  enum class Unit { plain, percent, decibel } unit = Unit::plain;
+  if (rest.ends_with('%')) {
+    unit = Unit::percent;
+    rest.remove_suffix(1);
+  } else if (rest.size() > 2 && (rest.ends_with("dB") || rest.ends_with("db"))) {
+    unit = Unit::decibel;
+    rest.remove_suffix(2);
+  }
+  double value = 0.0;
+  const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), value);
+  if (rest.empty() || error != std::errc() || end != rest.data() + rest.size() ||
+      !std::isfinite(value)) {
+    throw Failure(Exit::usage,
+                  "'" + text + "' is not a level; write 0.8, 80%, +10%, -10%, +3dB or -3dB");
+  }
+  value *= sign;
+  switch (unit) {
+    case Unit::plain:
+      return relative ? current + value : value;
+    case Unit::percent:
+      return relative ? current + value / 100.0 : value / 100.0;
+    case Unit::decibel:
+      return (relative ? current : 1.0) * std::pow(10.0, value / 20.0);
+  }
+  return value;
+}
+
+// true, false (and their usual spellings), or toggle: the opposite of `current`.
+bool adjustedSwitch(const std::string& option, const std::string& text, bool current) {
+  std::string word = text;
+  std::transform(word.begin(), word.end(), word.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (word == "toggle") return !current;
+  if (word == "true" || word == "yes" || word == "on" || word == "1") return true;
+  if (word == "false" || word == "no" || word == "off" || word == "0") return false;
+  throw Failure(Exit::usage, option + " takes true, false or toggle, not '" + text + "'");
+}
+
 void addDeviceCommands(CLI::App& app, const Context& context, Arguments& a) {
-  CLI::App* group = app.add_subcommand("device", "Adds, removes and changes virtual devices.");
+  CLI::App* group =
+      app.add_subcommand("device", "Adds, lists, changes and removes virtual devices.");
   group->require_subcommand(1);
 
   auto* add = command(
@@ -225,7 +353,7 @@ void addDeviceCommands(CLI::App& app, const Context& context, Arguments& a) {
 
   const auto byID = [&](const std::string& name, const std::string& description, Edit edit) {
     auto* sub = command(*group, name, description, context, std::move(edit));
-    sub->add_option("ID", a.device, "The device's id.")->required();
+    sub->add_option("ID", a.device, "The device: id, name or id prefix.")->required();
     return sub;
   };
   byID("select", "Makes the device the selected one.",
@@ -251,11 +379,15 @@ void addDeviceCommands(CLI::App& app, const Context& context, Arguments& a) {
        })
       ->add_option("N", a.count, "The channel count.")
       ->required();
-  byID("volume", "Sets the device's volume (1.0 = unity).",
+  byID("volume", "Sets the device's volume (1.0 = unity), or changes it.",
        [&a](ConfigSnapshot& in) {
-         return encodeJSON(ConfigEditor::setDeviceVolume(a.device, a.number, in));
+         const double volume =
+             adjustedLevel(a.levelText, ConfigEditor::requireDevice(a.device, in).volume);
+         return encodeJSON(ConfigEditor::setDeviceVolume(a.device, volume, in));
        })
-      ->add_option("VOLUME", a.number, "0.0 to 2.0.")
+      ->add_option("VOLUME", a.levelText,
+                   "0.0 to 2.0, or 80%; +10% and -10% add and take ten hundredths, +3dB and "
+                   "-3dB scale it.")
       ->required();
   byID("icon", "Sets the device's icon name.",
        [&a](ConfigSnapshot& in) {
@@ -273,47 +405,55 @@ void addDeviceCommands(CLI::App& app, const Context& context, Arguments& a) {
 
 // --enabled, --muted and --gain; omitted ones keep the element's current values.
 struct ControlOptions {
-  CLI::Option* enabled;
-  CLI::Option* muted;
-  CLI::Option* gain;
-
-  static ControlOptions add(CLI::App* sub, Arguments& a) {
-    return {sub->add_option("--enabled", a.enabled, "true or false."),
-            sub->add_option("--muted", a.muted, "true or false."),
-            sub->add_option("--gain", a.gain, "0.0 to 2.0.")};
+  static void add(CLI::App* sub, Arguments& a) {
+    sub->add_option("--enabled", a.enabledText, "true, false or toggle.");
+    sub->add_option("--muted", a.mutedText, "true, false or toggle.");
+    sub->add_option("--gain", a.gainText, "0.0 to 2.0; also 50%, +10%, -10%, +3dB, -3dB.");
   }
 
   template <class Element>
-  void fill(const Element* current, Arguments& a) const {
+  static void fill(const Element* current, Arguments& a) {
     if (current == nullptr) return;  // the editor reports the missing element
-    if (enabled->count() == 0) a.enabled = current->enabled;
-    if (muted->count() == 0) a.muted = current->muted;
-    if (gain->count() == 0) a.gain = current->gain;
+    a.enabled = a.enabledText.empty()
+                    ? current->enabled
+                    : adjustedSwitch("--enabled", a.enabledText, current->enabled);
+    a.muted = a.mutedText.empty() ? current->muted
+                                  : adjustedSwitch("--muted", a.mutedText, current->muted);
+    a.gain = a.gainText.empty() ? current->gain : adjustedLevel(a.gainText, current->gain);
   }
 };
 
 void addSourceCommands(CLI::App& app, const Context& context, Arguments& a) {
-  CLI::App* group = app.add_subcommand("source", "Adds and changes a device's sources.");
+  CLI::App* group =
+      app.add_subcommand("source", "Adds, lists, changes and removes a device's sources.");
   group->require_subcommand(1);
   const auto inDevice = [&](CLI::App* sub, const std::string& element) {
-    sub->add_option("DEVICE", a.device, "The device's id.")->required();
-    if (!element.empty()) sub->add_option(element, a.element, "The source's id.")->required();
+    sub->add_option("DEVICE", a.device, "The device: id, name or id prefix.")->required();
+    if (!element.empty()) {
+      sub->add_option(element, a.element, "The source: id, name or id prefix.")->required();
+      naming(sub, Arguments::Names::source);
+    }
     return sub;
   };
 
-  auto options = std::make_shared<ControlOptions>();
   auto* set = inDevice(
       command(*group, "set",
               "Sets a source's enabled, muted and gain controls; omitted ones keep their values.",
               context,
-              [&a, options](ConfigSnapshot& in) {
+              [&a](ConfigSnapshot& in) {
                 const auto device = ConfigEditor::requireDevice(a.device, in);
-                options->fill(findElement(device.sources, a.element), a);
+                ControlOptions::fill(findElement(device.sources, a.element), a);
                 return encodeJSON(ConfigEditor::setSourceControls(a.device, a.element, a.enabled,
                                                                   a.muted, a.gain, in));
               }),
       "SOURCE");
-  *options = ControlOptions::add(set, a);
+  ControlOptions::add(set, a);
+
+  inDevice(command(*group, "delete", "Removes a source and its wires. Prints the device.", context,
+                   [&a](ConfigSnapshot& in) {
+                     return encodeJSON(ConfigEditor::deleteSource(a.device, a.element, in));
+                   }),
+           "SOURCE");
 
   inDevice(command(*group, "mute-when-capturing",
                    "Sets whether the captured application is silenced while captured.", context,
@@ -335,16 +475,18 @@ void addSourceCommands(CLI::App& app, const Context& context, Arguments& a) {
   gain->add_option("CHANNEL", a.channel, "One-based.")->required();
   gain->add_option("GAIN", a.number, "0.0 to 2.0.")->required();
 
-  inDevice(command(*group, "nest",
-                   "Adds another virtual device's output as a source, wired straight through. "
-                   "Refused when it would make a device feed itself.",
-                   context,
-                   [&a](ConfigSnapshot& in) {
-                     return encodeJSON(ConfigEditor::addVirtualDeviceSource(a.device, a.element, in,
-                                                                            makeUUIDString));
-                   }),
-           "")
-      ->add_option("NESTED-DEVICE", a.element, "The id of the device to take in.")
+  inDevice(
+      naming(command(*group, "nest",
+                     "Adds another virtual device's output as a source, wired straight through. "
+                     "Refused when it would make a device feed itself.",
+                     context,
+                     [&a](ConfigSnapshot& in) {
+                       return encodeJSON(ConfigEditor::addVirtualDeviceSource(a.device, a.element,
+                                                                              in, makeUUIDString));
+                     }),
+             Arguments::Names::device),
+      "")
+      ->add_option("NESTED-DEVICE", a.element, "The device to take in: id, name or id prefix.")
       ->required();
 
   auto* add = inDevice(
@@ -372,29 +514,39 @@ void addSourceCommands(CLI::App& app, const Context& context, Arguments& a) {
 }
 
 void addMonitorCommands(CLI::App& app, const Context& context, Arguments& a) {
-  CLI::App* group = app.add_subcommand("monitor", "Adds and changes a device's monitors.");
+  CLI::App* group =
+      app.add_subcommand("monitor", "Adds, lists, changes and removes a device's monitors.");
   group->require_subcommand(1);
 
-  auto options = std::make_shared<ControlOptions>();
   auto* set = command(
       *group, "set", "Sets a monitor's enabled, muted and gain controls; omitted ones keep theirs.",
-      context, [&a, options](ConfigSnapshot& in) {
+      context, [&a](ConfigSnapshot& in) {
         const auto device = ConfigEditor::requireDevice(a.device, in);
-        options->fill(findElement(device.monitors, a.element), a);
+        ControlOptions::fill(findElement(device.monitors, a.element), a);
         return encodeJSON(
             ConfigEditor::setMonitorControls(a.device, a.element, a.enabled, a.muted, a.gain, in));
       });
-  set->add_option("DEVICE", a.device, "The device's id.")->required();
-  set->add_option("MONITOR", a.element, "The monitor's id.")->required();
-  *options = ControlOptions::add(set, a);
+  set->add_option("DEVICE", a.device, "The device: id, name or id prefix.")->required();
+  set->add_option("MONITOR", a.element, "The monitor: id, name or id prefix.")->required();
+  naming(set, Arguments::Names::monitor);
+  ControlOptions::add(set, a);
+
+  auto* remove = command(*group, "delete", "Removes a monitor and its wires. Prints the device.",
+                         context, [&a](ConfigSnapshot& in) {
+                           return encodeJSON(ConfigEditor::deleteMonitor(a.device, a.element, in));
+                         });
+  remove->add_option("DEVICE", a.device, "The device: id, name or id prefix.")->required();
+  remove->add_option("MONITOR", a.element, "The monitor: id, name or id prefix.")->required();
+  naming(remove, Arguments::Names::monitor);
 
   auto* gain = command(*group, "channel-gain", "Sets the gain of one monitor channel.", context,
                        [&a](ConfigSnapshot& in) {
                          return encodeJSON(ConfigEditor::setMonitorChannelGain(
                              a.device, a.element, a.channel, a.number, in));
                        });
-  gain->add_option("DEVICE", a.device, "The device's id.")->required();
-  gain->add_option("MONITOR", a.element, "The monitor's id.")->required();
+  gain->add_option("DEVICE", a.device, "The device: id, name or id prefix.")->required();
+  gain->add_option("MONITOR", a.element, "The monitor: id, name or id prefix.")->required();
+  naming(gain, Arguments::Names::monitor);
   gain->add_option("CHANNEL", a.channel, "One-based.")->required();
   gain->add_option("GAIN", a.number, "0.0 to 2.0.")->required();
 
@@ -404,7 +556,7 @@ void addMonitorCommands(CLI::App& app, const Context& context, Arguments& a) {
       "channel for channel (unless --no-wire). Name and channel count come from the output "
       "device when found. Prints the monitor.",
       context, [&a](ConfigSnapshot& in) { return encodeJSON(addMonitor(a, in)); });
-  add->add_option("DEVICE", a.device, "The device's id.")->required();
+  add->add_option("DEVICE", a.device, "The device: id, name or id prefix.")->required();
   add->add_option("OUTPUT-UID", a.deviceUID, "The output device's UID.")->required();
   add->add_option("--name", a.name, "Display name (default: the output device's).");
   add->add_option("--channels", a.channels, "Channel count (default: the output's, else 2).");
@@ -412,7 +564,7 @@ void addMonitorCommands(CLI::App& app, const Context& context, Arguments& a) {
 }
 
 void addWireCommands(CLI::App& app, const Context& context, Arguments& a) {
-  CLI::App* group = app.add_subcommand("wire", "Connects and removes a device's wires.");
+  CLI::App* group = app.add_subcommand("wire", "Connects, lists and removes a device's wires.");
   group->require_subcommand(1);
   auto* connect = command(
       *group, "connect",
@@ -423,7 +575,7 @@ void addWireCommands(CLI::App& app, const Context& context, Arguments& a) {
         return encodeJSON(
             ConfigEditor::connectWire(a.device, parseEndpoint(a.from), parseEndpoint(a.to), in));
       });
-  connect->add_option("DEVICE", a.device, "The device's id.")->required();
+  connect->add_option("DEVICE", a.device, "The device: id, name or id prefix.")->required();
   connect->add_option("FROM", a.from, "kind:owner:channel")->required();
   connect->add_option("TO", a.to, "kind:owner:channel")->required();
 
@@ -431,7 +583,7 @@ void addWireCommands(CLI::App& app, const Context& context, Arguments& a) {
                          [&a](ConfigSnapshot& in) {
                            return encodeJSON(ConfigEditor::deleteWire(a.device, a.element, in));
                          });
-  remove->add_option("DEVICE", a.device, "The device's id.")->required();
+  remove->add_option("DEVICE", a.device, "The device: id, name or id prefix.")->required();
   remove->add_option("WIRE", a.element, "The wire's id.")->required();
 }
 
@@ -476,13 +628,12 @@ void addBenchmarkCommands(CLI::App& app, const Context& context, Arguments& a) {
 }  // namespace
 
 void addEditCommands(CLI::App& app, Context& context) {
-  // Parsed into while the program runs; one process runs one command.
-  static Arguments arguments;
-  addDeviceCommands(app, context, arguments);
-  addSourceCommands(app, context, arguments);
-  addMonitorCommands(app, context, arguments);
-  addWireCommands(app, context, arguments);
-  addBenchmarkCommands(app, context, arguments);
+  Arguments& a = arguments();
+  addDeviceCommands(app, context, a);
+  addSourceCommands(app, context, a);
+  addMonitorCommands(app, context, a);
+  addWireCommands(app, context, a);
+  addBenchmarkCommands(app, context, a);
 }
 
 }  // namespace brisola::ctl

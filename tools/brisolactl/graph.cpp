@@ -102,13 +102,12 @@ class GraphWriter {
       for (std::size_t s = 0; s < sources.size(); ++s) {
         if (sources[s].type != SourceType::virtualDevice) continue;
         const auto& nested = sources[s].metadata.sourceDeviceID;
-        std::string from = missing("device", nested.value_or(""));
-        for (std::size_t n = 0; n < snapshot_.devices.size(); ++n) {
-          if (nested && snapshot_.devices[n].id == *nested) {
-            from = outputNode(n);
-            break;
-          }
+        std::string from;
+        for (std::size_t n = 0; n < snapshot_.devices.size() && from.empty(); ++n) {
+          if (nested && snapshot_.devices[n].id == *nested) from = outputNode(n);
         }
+        // Only now: declaring the red node is what draws it.
+        if (from.empty()) from = missing("device", nested.value_or(""));
         out_ << "  " << dotString(from) << " -> " << dotString(sourceNode(d, s))
              << " [style=dashed, label=\"nested\"];\n";
       }

@@ -48,10 +48,10 @@ std::string decibelText(double level) {
   return text;
 }
 
-std::string frame(const std::string& ownerID,
+std::string frame(const std::string& title,
                   const std::optional<RuntimeMeterStore::Reading>& reading) {
   std::ostringstream out;
-  out << ownerID << "  (Ctrl-C to stop)\n";
+  out << title << "  (Ctrl-C to stop)\n";
   if (!reading || reading->levels.empty()) {
     out << "  no live reading\n";
     return out.str();
@@ -72,7 +72,7 @@ std::string frame(const std::string& ownerID,
 
 }  // namespace
 
-void watchMeter(const std::string& ownerID) {
+void watchMeter(const std::string& ownerID, const std::string& title) {
   struct sigaction action {};
   action.sa_handler = requestStop;
   ::sigemptyset(&action.sa_mask);
@@ -89,7 +89,7 @@ void watchMeter(const std::string& ownerID) {
     MeterTap::Readings readings;
     if (auto reading = RuntimeMeterStore::reading(ownerID)) readings.emplace(ownerID, *reading);
     tap.update(readings, at);
-    const std::string text = frame(ownerID, tap.reading(ownerID, at));
+    const std::string text = frame(title, tap.reading(ownerID, at));
     // Back to the first line of the previous frame, then clear to the end of the screen.
     if (terminal && linesShown > 0) std::cout << "\x1b[" << linesShown << "F\x1b[J";
     std::cout << text << std::flush;

@@ -1,6 +1,7 @@
 // Commands that read what the service and the audio path share at run time: controls,
 // meter, status.
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <iostream>
@@ -29,11 +30,38 @@ struct MeterOptions {
   std::string device;
   std::string side = "output";
   bool watch = false;
+  // The device's UID and name when --device names one of the document's devices.
+  std::string uid;
+  std::string title;
+
+  // --device is a UID, or names a device of the document by id or name; a document that
+  // cannot be read leaves it a UID.
+  void resolveDevice(const Context& context) {
+    uid = title = device;
+    ConfigSnapshot snapshot;
+    try {
+      snapshot = context.loadDocument();
+    } catch (const std::exception&) {
+      return;
+    }
+    const auto& devices = snapshot.devices;
+    auto it = std::find_if(devices.begin(), devices.end(),
+                           [&](const DeviceConfig& d) { return d.uid == device; });
+    if (it == devices.end()) {
+      const std::string id = Naming::device(device, snapshot);
+      it = std::find_if(devices.begin(), devices.end(),
+                        [&](const DeviceConfig& d) { return d.id == id; });
+    }
+    if (it != devices.end()) {
+      uid = it->uid;
+      title = it->name;
+    }
+  }
 
   std::string ownerID() const {
     if (!owner.empty()) return owner;
-    return side == "source" ? RuntimeMeterStore::sourceOwnerID(device)
-                            : RuntimeMeterStore::outputOwnerID(device);
+    return side == "source" ? RuntimeMeterStore::sourceOwnerID(uid)
+                            : RuntimeMeterStore::outputOwnerID(uid);
   }
 };
 
@@ -53,20 +81,21 @@ void addRuntimeCommands(CLI::App& app, Context& context) {
       "a meter that stops changing for 0.3 s shows as absent.");
   auto* owner = meter->add_option("--owner", meterOptions->owner, "The meter's owner identifier.");
   auto* device = meter->add_option("--device", meterOptions->device,
-                                   "A virtual device's UID, instead of --owner.");
+                                   "A virtual device's UID, id or name, instead of --owner.");
   meter->add_option("--side", meterOptions->side, "With --device: source or output.")
       ->check(CLI::IsMember({"source", "output"}))
       ->needs(device)
       ->capture_default_str();
   owner->excludes(device);
   meter->add_flag("--watch", meterOptions->watch, "Redraw the meter a few times a second.");
-  meter->callback([meterOptions] {
+  meter->callback([meterOptions, &context] {
     if (meterOptions->owner.empty() && meterOptions->device.empty()) {
       throw Failure(Exit::usage, "meter needs --owner ID or --device UID");
     }
+    if (!meterOptions->device.empty()) meterOptions->resolveDevice(context);
     const std::string ownerID = meterOptions->ownerID();
     if (meterOptions->watch) {
-      watchMeter(ownerID);
+      watchMeter(ownerID, meterOptions->owner.empty() ? meterOptions->title : ownerID);
       return;
     }
     auto reading = RuntimeMeterStore::reading(ownerID);

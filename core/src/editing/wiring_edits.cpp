@@ -79,6 +79,41 @@ DeviceConfig ConfigEditor::deleteWire(std::string_view deviceID, std::string_vie
   return device;
 }
 
+namespace {
+
+// Removes every element of the device with that id and every wire that has one of them as an
+// endpoint; the caller has checked that one exists.
+template <class Element>
+void removeWithWires(std::vector<Element>& elements, EndpointKind kind, std::string_view elementID,
+                     DeviceConfig& device) {
+  // The caller may pass a view of an id stored in the list; removal would move it away.
+  const std::string id(elementID);
+  std::erase_if(elements, [&](const Element& element) { return element.id == id; });
+  const auto touches = [&](const WireEndpoint& end) {
+    return end.kind == kind && end.ownerID == id;
+  };
+  std::erase_if(device.wires,
+                [&](const Wire& wire) { return touches(wire.from) || touches(wire.to); });
+}
+
+}  // namespace
+
+DeviceConfig ConfigEditor::deleteSource(std::string_view deviceID, std::string_view sourceID,
+                                        ConfigSnapshot& in) {
+  DeviceConfig& device = editing::requireDeviceRef(deviceID, in);
+  editing::requireSourceRef(sourceID, device);
+  removeWithWires(device.sources, EndpointKind::source, sourceID, device);
+  return device;
+}
+
+DeviceConfig ConfigEditor::deleteMonitor(std::string_view deviceID, std::string_view monitorID,
+                                         ConfigSnapshot& in) {
+  DeviceConfig& device = editing::requireDeviceRef(deviceID, in);
+  editing::requireMonitorRef(monitorID, device);
+  removeWithWires(device.monitors, EndpointKind::monitor, monitorID, device);
+  return device;
+}
+
 bool ConfigEditor::wouldCreateNestedDeviceCycle(std::string_view parentID,
                                                 std::string_view nestedID,
                                                 const ConfigSnapshot& in) {

@@ -125,6 +125,13 @@ Wire connectWire(std::string_view deviceID, const WireEndpoint& from, const Wire
 // the device.
 DeviceConfig deleteWire(std::string_view deviceID, std::string_view wireID, ConfigSnapshot& in);
 
+// Remove every source (monitor) of the device with that id, and every wire of the device that
+// starts (ends) at one of them; sourceNotFound (monitorNotFound) when there is none. Return
+// the device.
+DeviceConfig deleteSource(std::string_view deviceID, std::string_view sourceID, ConfigSnapshot& in);
+DeviceConfig deleteMonitor(std::string_view deviceID, std::string_view monitorID,
+                           ConfigSnapshot& in);
+
 // Whether nesting nestedID into parentID would close a cycle: they are the same device, or
 // parentID can already be reached from nestedID by following virtualDevice sources.
 bool wouldCreateNestedDeviceCycle(std::string_view parentID, std::string_view nestedID,
