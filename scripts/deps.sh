@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config nlohmann-json3-dev libicu-dev uuid-dev
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev clang-format
-          libpipewire-0.3-dev pipewire pipewire-bin wireplumber dbus)
+          libpipewire-0.3-dev pipewire pipewire-bin wireplumber dbus libsimdjson-dev)
 
 missing=()
 for package in "${packages[@]}"; do

@@ -85,16 +85,16 @@ void BrisolaService::run() {
 
 void BrisolaService::runCycle() {
   ports_.heartbeat();
-  ConfigSnapshot snapshot;
+  const ConfigSnapshot* snapshot = nullptr;
   try {
-    snapshot = store_.loadOrCreateEmpty();
-    ports_.publish(snapshot);
+    snapshot = &document_.load();
+    ports_.publish(*snapshot);
   } catch (const std::exception& error) {
     // Running helpers are left alone; the next cycle starts afresh.
     BrisolaServiceLog::write(std::string("Reconcile failed: ") + error.what());
     return;
   }
-  ports_.supervisor->reconcile(desiredRoutes(snapshot));
+  ports_.supervisor->reconcile(desiredRoutes(*snapshot));
 }
 
 void BrisolaService::runLoop(StopSignals& signals) {

@@ -11,6 +11,7 @@
 #include "brisola/ipc/exchange_records.hpp"
 #include "brisola/store/config_store.hpp"
 #include "service/desired_route.hpp"
+#include "service/document_cache.hpp"
 #include "service/service_settings.hpp"
 #include "service/stop_signals.hpp"
 
@@ -36,6 +37,8 @@ class BrisolaService {
   BrisolaService(Environment environment, std::vector<std::string> arguments);
   BrisolaService(Environment environment, std::vector<std::string> arguments, ServicePorts ports);
   ~BrisolaService();
+  BrisolaService(const BrisolaService&) = delete;
+  BrisolaService& operator=(const BrisolaService&) = delete;
 
   // The loop until a stop signal, or one dry-run pass. Only the dry run raises.
   void run();
@@ -60,6 +63,7 @@ class BrisolaService {
 
   Environment environment_;
   ConfigStore store_;
+  DocumentCache document_{store_};
   HelperPaths helperPaths_;
   double pollInterval_;
   bool dryRun_;

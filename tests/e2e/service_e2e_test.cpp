@@ -1,8 +1,10 @@
 // Runs the built service as a process against temporary documents, simulated hardware and
 // script helpers.
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -274,10 +276,31 @@ TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {
   EXPECT_TRUE(
       service->waitForOutput("Stopping monitor 'Desk' (Studio): configuration changed route", 5s));
 
+  // An edit of the same size written over the file in place, with the modification time of
+  // the last one put back: only the change time tells it, and it is still seen.
+  edited.devices[0].monitors[0].gain = 0.7;
+  writeFile(dir_ / "config.json", encodeJSON(edited));
+  struct stat written {};
+  ASSERT_EQ(::stat((dir_ / "config.json").c_str(), &written), 0);
+  auto monitorWithGain = [&](const std::string& gain) {
+    pid_t found = 0;
+    for (const auto& [pid, variables] : recordedHelpers(records)) {
+      if (variables.find("BRISOLA_MONITOR_GAIN=" + gain + "\n") != std::string::npos) found = pid;
+    }
+    return found;
+  };
+  ASSERT_TRUE(eventually([&] { return monitorWithGain("0.7") != 0; }));
+  edited.devices[0].monitors[0].gain = 0.9;
+  writeFile(dir_ / "config.json", encodeJSON(edited));
+  const timespec times[] = {written.st_atim, written.st_mtim};
+  ASSERT_EQ(::utimensat(AT_FDCWD, (dir_ / "config.json").c_str(), times, 0), 0);
+  ASSERT_TRUE(eventually([&] { return monitorWithGain("0.9") != 0; }));
+  newMonitor = monitorWithGain("0.9");
+
   // A helper that dies is restarted (after its back-off of 2 s).
   ::kill(hardwarePid, SIGKILL);
   ASSERT_TRUE(service->waitForOutput("hardware input 'Mic' (Studio) exited with status 9", 5s));
-  ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 4; }, 10s));
+  ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 6; }, 10s));
 
   // Unplugging the monitor's output device stops its helper; plugging it back starts one.
   writeFile(dir_ / "hardware.json",
@@ -285,7 +308,7 @@ TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {
   ASSERT_TRUE(eventually([&] { return !alive(newMonitor); }));
   EXPECT_TRUE(service->waitForOutput("configuration removed route", 5s));
   writeFile(dir_ / "hardware.json", hardwareFile);
-  ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 5; }));
+  ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 7; }));
 
   // SIGTERM ends every helper (plain shell scripts without handlers) and the service.
   auto all = recordedHelpers(records);

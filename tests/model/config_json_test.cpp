@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "brisola/model/json_coding.hpp"
+#include "model/config_json.hpp"
 #include "support/documents.hpp"
 #include "support/thrown.hpp"
 
@@ -123,6 +124,37 @@ TEST(ConfigJSON, ReadingAcceptsWhatTheFormatAllows) {
     d["devices"][0]["sources"][0]["metadata"] = {{"unknown", nullptr}, {"pid", nullptr}};
   }));
   EXPECT_EQ(nulls.devices[0].sources[0].metadata, SourceMetadata{});
+}
+
+// The fast way reads what it takes exactly as the nlohmann way does, and leaves to it what it
+// does not take; either way the decoder's answer is the nlohmann way's.
+TEST(ConfigJSON, TheFastWayReadsAsTheNlohmannWayOrLeavesTheDocumentToIt) {
+  const auto withDevice = [](const char* members) {
+    return std::string(R"({"schemaVersion":2,"ui":{"appearance":"system"},"devices":[{)") +
+           R"("id":"d","name":"D","enabled":true,"sampleRate":48000,"sources":[],"monitors":[],)"
+           R"("wires":[],)" +
+           members + "}]}";
+  };
+  const std::vector<std::pair<std::string, bool>> documents{
+      {encodeJSON(richSnapshot()), true},
+      {withDevice(R"("channelCount":2.0,"volume":1e300,"channelGains":[5e-324,-0.0,3])"), true},
+      {withDevice(R"("channelCount":-0,"uid":"\u00e9\u0000\ud83c\udfb5","icon":null)"), true},
+      {withDevice(R"("channelCount":9223372036854775807,"volume":18446744073709551615)"), true},
+      {withDevice(R"("channelCount":2,"name":"twice")"), false},
+      {withDevice(R"("channelCount":2,"extra":1,"extra":2)"), false},
+      {withDevice(R"("channelCount":2,"volume":123456789012345678901234567890)"), false},
+      {"\xEF\xBB\xBF" + encodeJSON(ConfigSnapshot::empty()), false},
+  };
+  for (const auto& [text, fast] : documents) {
+    SCOPED_TRACE(text);
+    const auto reference = json::readSnapshot(json::parse(text), "");
+    EXPECT_EQ(decodeJSON<ConfigSnapshot>(text), reference);
+    const auto fastRead = json::decodeSnapshotFast(text);
+    EXPECT_EQ(fastRead.has_value(), fast);
+    if (fastRead) {
+      EXPECT_EQ(*fastRead, reference);
+    }
+  }
 }
 
 struct FailureCase {

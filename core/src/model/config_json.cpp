@@ -1,42 +1,159 @@
 #include "model/config_json.hpp"
 
+#include "model/fast_json.hpp"
+
 namespace brisola {
 namespace json {
 
 namespace {
 
-std::optional<std::vector<double>> optionalGains(const ObjectReader& r) {
-  return r.optional("channelGains", readRealArray);
+// The record readers, for either node type (see fast_json.hpp).
+template <class Node, class Path>
+std::optional<std::vector<double>> optionalGains(const BasicObjectReader<Node, Path>& r) {
+  return r.optional("channelGains", any::realArray);
 }
 
-SourceMetadata readMetadata(const Json& value, const std::string& path) {
-  ObjectReader r(value, path);
+template <class Node, class Path>
+SourceMetadata readMetadata(const Node& value, const Path& path) {
+  BasicObjectReader r(value, path);
   return SourceMetadata{
-      .bundleIdentifier = r.optional("bundleIdentifier", readString),
-      .pid = r.optional("pid", readInteger<std::int32_t>),
-      .processObjectID = r.optional("processObjectID", readUnsigned64),
-      .tapUUID = r.optional("tapUUID", readString),
-      .deviceUID = r.optional("deviceUID", readString),
-      .inputBackend = r.optional("inputBackend", readString),
-      .sourceDeviceID = r.optional("sourceDeviceID", readString),
+      .bundleIdentifier = r.optional("bundleIdentifier", any::string),
+      .pid = r.optional("pid", any::integer<std::int32_t>),
+      .processObjectID = r.optional("processObjectID", any::unsigned64),
+      .tapUUID = r.optional("tapUUID", any::string),
+      .deviceUID = r.optional("deviceUID", any::string),
+      .inputBackend = r.optional("inputBackend", any::string),
+      .sourceDeviceID = r.optional("sourceDeviceID", any::string),
   };
 }
 
-WireEndpoint readEndpoint(const Json& value, const std::string& path) {
-  ObjectReader r(value, path);
+template <class Node, class Path>
+WireEndpoint readEndpoint(const Node& value, const Path& path) {
+  BasicObjectReader r(value, path);
   return WireEndpoint{
-      .kind = r.required("kind", readEnum<EndpointKind>),
-      .ownerID = r.required("ownerID", readString),
-      .channel = r.required("channel", readInteger<std::int64_t>),
+      .kind = r.required("kind", any::enumeration<EndpointKind>),
+      .ownerID = r.required("ownerID", any::string),
+      .channel = r.required("channel", any::integer<std::int64_t>),
   };
 }
 
-UIState readUI(const Json& value, const std::string& path) {
-  ObjectReader r(value, path);
+template <class Node, class Path>
+UIState readUI(const Node& value, const Path& path) {
+  BasicObjectReader r(value, path);
   return UIState{
-      .selectedDeviceID = r.optional("selectedDeviceID", readString),
-      .appearance = r.required("appearance", readEnum<Appearance>),
+      .selectedDeviceID = r.optional("selectedDeviceID", any::string),
+      .appearance = r.required("appearance", any::enumeration<Appearance>),
   };
+}
+
+template <class Node, class Path>
+SourceConfig readSourceFrom(const Node& value, const Path& path) {
+  BasicObjectReader r(value, path);
+  // Members are initialised in declaration order, which is the order the keys are read in.
+  return SourceConfig{
+      .id = r.required("id", any::string),
+      .type = r.required("type", any::enumeration<SourceType>),
+      .name = r.required("name", any::string),
+      .enabled = r.required("enabled", any::boolean),
+      .muted = r.required("muted", any::boolean),
+      .gain = r.required("gain", any::real),
+      .channelGains = optionalGains(r),
+      .channelCount = r.required("channelCount", any::integer<std::int64_t>),
+      .muteWhenCapturing = r.optional("muteWhenCapturing", any::boolean).value_or(false),
+      .metadata =
+          r.required("metadata", [](const auto& v, const auto& p) { return readMetadata(v, p); }),
+  };
+}
+
+template <class Node, class Path>
+MonitorConfig readMonitorFrom(const Node& value, const Path& path) {
+  BasicObjectReader r(value, path);
+  return MonitorConfig{
+      .id = r.required("id", any::string),
+      .name = r.required("name", any::string),
+      .enabled = r.required("enabled", any::boolean),
+      .muted = r.required("muted", any::boolean),
+      .gain = r.required("gain", any::real),
+      .channelGains = optionalGains(r),
+      .deviceUID = r.required("deviceUID", any::string),
+      .channelCount = r.required("channelCount", any::integer<std::int64_t>),
+  };
+}
+
+template <class Node, class Path>
+Wire readWireFrom(const Node& value, const Path& path) {
+  BasicObjectReader r(value, path);
+  auto endpoint = [](const auto& v, const auto& p) { return readEndpoint(v, p); };
+  return Wire{
+      .id = r.required("id", any::string),
+      .from = r.required("from", endpoint),
+      .to = r.required("to", endpoint),
+  };
+}
+
+template <class Node, class Path>
+DeviceConfig readDeviceFrom(const Node& value, const Path& path) {
+  BasicObjectReader r(value, path);
+  std::string id = r.required("id", any::string);
+  std::string name = r.required("name", any::string);
+  bool enabled = r.required("enabled", any::boolean);
+  double sampleRate = r.required("sampleRate", any::real);
+  std::int64_t channelCount = r.required("channelCount", any::integer<std::int64_t>);
+  double volume = r.optional("volume", any::real).value_or(1.0);
+  auto channelGains = optionalGains(r);
+  std::string uid = r.optional("uid", any::string).value_or(BrisolaCore::derivedDeviceUID(id));
+  std::string icon =
+      r.optional("icon", any::string).value_or(std::string(BrisolaCore::defaultDeviceIcon));
+  auto sources = r.required("sources", [](const auto& v, const auto& p) {
+    return any::readArray<SourceConfig>(
+        v, p, [](const auto& item, const auto& at) { return readSourceFrom(item, at); });
+  });
+  auto monitors = r.required("monitors", [](const auto& v, const auto& p) {
+    return any::readArray<MonitorConfig>(
+        v, p, [](const auto& item, const auto& at) { return readMonitorFrom(item, at); });
+  });
+  auto wires = r.required("wires", [](const auto& v, const auto& p) {
+    return any::readArray<Wire>(
+        v, p, [](const auto& item, const auto& at) { return readWireFrom(item, at); });
+  });
+  return DeviceConfig{
+      .id = std::move(id),
+      .name = std::move(name),
+      .enabled = enabled,
+      .sampleRate = sampleRate,
+      .channelCount = channelCount,
+      .volume = volume,
+      .channelGains = std::move(channelGains),
+      .uid = std::move(uid),
+      .icon = std::move(icon),
+      .sources = std::move(sources),
+      .monitors = std::move(monitors),
+      .wires = std::move(wires),
+  };
+}
+
+template <class Node, class Path>
+ConfigSnapshot readSnapshotFrom(const Node& value, const Path& path) {
+  BasicObjectReader r(value, path);
+  return ConfigSnapshot{
+      .schemaVersion = r.required("schemaVersion", any::integer<std::int64_t>),
+      .devices = r.required("devices",
+                            [](const auto& v, const auto& p) {
+                              return any::readArray<DeviceConfig>(
+                                  v, p, [](const auto& item, const auto& at) {
+                                    return readDeviceFrom(item, at);
+                                  });
+                            }),
+      .ui = r.required("ui", [](const auto& v, const auto& p) { return readUI(v, p); }),
+  };
+}
+
+// The fast way first; the nlohmann way when it does not accept the bytes.
+template <class T, class Read>
+T decodeRecord(std::string_view bytes, Read read) {
+  if (auto fast = decodeFast<T>(bytes, [&](const FastNode& root) { return read(root, NoPath{}); }))
+    return std::move(*fast);
+  return read(parse(bytes), std::string());
 }
 
 template <class T>
@@ -61,91 +178,28 @@ Json toJSON(const SourceMetadata& value) {
 }
 
 SourceConfig readSource(const Json& value, const std::string& path) {
-  ObjectReader r(value, path);
-  // Members are initialised in declaration order, which is the order the keys are read in.
-  return SourceConfig{
-      .id = r.required("id", readString),
-      .type = r.required("type", readEnum<SourceType>),
-      .name = r.required("name", readString),
-      .enabled = r.required("enabled", readBool),
-      .muted = r.required("muted", readBool),
-      .gain = r.required("gain", readReal),
-      .channelGains = optionalGains(r),
-      .channelCount = r.required("channelCount", readInteger<std::int64_t>),
-      .muteWhenCapturing = r.optional("muteWhenCapturing", readBool).value_or(false),
-      .metadata = r.required("metadata", readMetadata),
-  };
+  return readSourceFrom(value, path);
 }
 
 MonitorConfig readMonitor(const Json& value, const std::string& path) {
-  ObjectReader r(value, path);
-  return MonitorConfig{
-      .id = r.required("id", readString),
-      .name = r.required("name", readString),
-      .enabled = r.required("enabled", readBool),
-      .muted = r.required("muted", readBool),
-      .gain = r.required("gain", readReal),
-      .channelGains = optionalGains(r),
-      .deviceUID = r.required("deviceUID", readString),
-      .channelCount = r.required("channelCount", readInteger<std::int64_t>),
-  };
+  return readMonitorFrom(value, path);
 }
 
 Wire readWire(const Json& value, const std::string& path) {
-  ObjectReader r(value, path);
-  return Wire{
-      .id = r.required("id", readString),
-      .from = r.required("from", readEndpoint),
-      .to = r.required("to", readEndpoint),
-  };
+  return readWireFrom(value, path);
 }
 
 DeviceConfig readDevice(const Json& value, const std::string& path) {
-  ObjectReader r(value, path);
-  std::string id = r.required("id", readString);
-  std::string name = r.required("name", readString);
-  bool enabled = r.required("enabled", readBool);
-  double sampleRate = r.required("sampleRate", readReal);
-  std::int64_t channelCount = r.required("channelCount", readInteger<std::int64_t>);
-  double volume = r.optional("volume", readReal).value_or(1.0);
-  auto channelGains = optionalGains(r);
-  std::string uid = r.optional("uid", readString).value_or(BrisolaCore::derivedDeviceUID(id));
-  std::string icon =
-      r.optional("icon", readString).value_or(std::string(BrisolaCore::defaultDeviceIcon));
-  auto sources = r.required("sources", [](const Json& v, const std::string& p) {
-    return readArray<SourceConfig>(v, p, readSource);
-  });
-  auto monitors = r.required("monitors", [](const Json& v, const std::string& p) {
-    return readArray<MonitorConfig>(v, p, readMonitor);
-  });
-  auto wires = r.required(
-      "wires", [](const Json& v, const std::string& p) { return readArray<Wire>(v, p, readWire); });
-  return DeviceConfig{
-      .id = std::move(id),
-      .name = std::move(name),
-      .enabled = enabled,
-      .sampleRate = sampleRate,
-      .channelCount = channelCount,
-      .volume = volume,
-      .channelGains = std::move(channelGains),
-      .uid = std::move(uid),
-      .icon = std::move(icon),
-      .sources = std::move(sources),
-      .monitors = std::move(monitors),
-      .wires = std::move(wires),
-  };
+  return readDeviceFrom(value, path);
+}
+
+std::optional<ConfigSnapshot> decodeSnapshotFast(std::string_view bytes) {
+  return decodeFast<ConfigSnapshot>(
+      bytes, [](const FastNode& root) { return readSnapshotFrom(root, NoPath{}); });
 }
 
 ConfigSnapshot readSnapshot(const Json& value, const std::string& path) {
-  ObjectReader r(value, path);
-  return ConfigSnapshot{
-      .schemaVersion = r.required("schemaVersion", readInteger<std::int64_t>),
-      .devices = r.required("devices",
-                            [](const Json& v, const std::string& p) {
-                              return readArray<DeviceConfig>(v, p, readDevice);
-                            }),
-      .ui = r.required("ui", readUI),
-  };
+  return readSnapshotFrom(value, path);
 }
 
 Json toJSON(const WireEndpoint& value) {
@@ -223,23 +277,28 @@ std::string encodeJSON(const Wire& wire) {
 }
 
 DeviceConfig decodeJSON(std::string_view bytes, JSONTag<DeviceConfig>) {
-  return json::readDevice(json::parse(bytes), "");
+  return json::decodeRecord<DeviceConfig>(
+      bytes, [](const auto& root, const auto& path) { return json::readDeviceFrom(root, path); });
 }
 
 SourceConfig decodeJSON(std::string_view bytes, JSONTag<SourceConfig>) {
-  return json::readSource(json::parse(bytes), "");
+  return json::decodeRecord<SourceConfig>(
+      bytes, [](const auto& root, const auto& path) { return json::readSourceFrom(root, path); });
 }
 
 MonitorConfig decodeJSON(std::string_view bytes, JSONTag<MonitorConfig>) {
-  return json::readMonitor(json::parse(bytes), "");
+  return json::decodeRecord<MonitorConfig>(
+      bytes, [](const auto& root, const auto& path) { return json::readMonitorFrom(root, path); });
 }
 
 Wire decodeJSON(std::string_view bytes, JSONTag<Wire>) {
-  return json::readWire(json::parse(bytes), "");
+  return json::decodeRecord<Wire>(
+      bytes, [](const auto& root, const auto& path) { return json::readWireFrom(root, path); });
 }
 
 ConfigSnapshot decodeJSON(std::string_view bytes, JSONTag<ConfigSnapshot>) {
-  return json::readSnapshot(json::parse(bytes), "");
+  return json::decodeRecord<ConfigSnapshot>(
+      bytes, [](const auto& root, const auto& path) { return json::readSnapshotFrom(root, path); });
 }
 
 }  // namespace brisola

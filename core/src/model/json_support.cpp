@@ -29,8 +29,6 @@ namespace json {
 
 namespace {
 
-constexpr double maximumExactInteger = 9007199254740992.0;  // 2^53
-
 std::string foundDescription(const Json& value) {
   switch (value.type()) {
     case Json::value_t::null:
@@ -139,18 +137,15 @@ std::string dump(const Json& value) {
 }
 
 std::string readString(const Json& value, const std::string& path) {
-  if (!value.is_string()) typeMismatch(value, path, "a string");
-  return value.get_ref<const std::string&>();
+  return any::readString(value, path);
 }
 
 bool readBool(const Json& value, const std::string& path) {
-  if (!value.is_boolean()) typeMismatch(value, path, "a Boolean");
-  return value.get<bool>();
+  return any::readBool(value, path);
 }
 
 double readReal(const Json& value, const std::string& path) {
-  if (!value.is_number()) typeMismatch(value, path, "a number");
-  return value.get<double>();
+  return any::readReal(value, path);
 }
 
 double readFloat(const Json& value, const std::string& path) {
@@ -159,68 +154,15 @@ double readFloat(const Json& value, const std::string& path) {
 
 std::int64_t readIntegerIn(const Json& value, const std::string& path, std::int64_t low,
                            std::int64_t high, std::string_view typeName) {
-  auto outOfRange = [&]() -> std::int64_t {
-    fail(DecodingError::Kind::valueOutOfRange, path,
-         value.dump() + " is outside the range of a " + std::string(typeName));
-  };
-  switch (value.type()) {
-    case Json::value_t::number_integer: {
-      auto v = value.get<std::int64_t>();
-      return v < low || v > high ? outOfRange() : v;
-    }
-    case Json::value_t::number_unsigned: {
-      auto v = value.get<std::uint64_t>();
-      return v > static_cast<std::uint64_t>(high) ? outOfRange() : static_cast<std::int64_t>(v);
-    }
-    case Json::value_t::number_float: {
-      double v = value.get<double>();
-      if (std::trunc(v) != v) typeMismatch(value, path, "an integer");
-      if (std::fabs(v) > maximumExactInteger || v < static_cast<double>(low) ||
-          v > static_cast<double>(high)) {
-        return outOfRange();
-      }
-      return static_cast<std::int64_t>(v);
-    }
-    default:
-      typeMismatch(value, path, "an integer");
-  }
+  return any::readIntegerIn(value, path, low, high, typeName);
 }
 
 std::uint64_t readUnsigned64(const Json& value, const std::string& path) {
-  auto outOfRange = [&]() -> std::uint64_t {
-    fail(DecodingError::Kind::valueOutOfRange, path,
-         value.dump() + " is outside the range of an unsigned 64-bit integer");
-  };
-  switch (value.type()) {
-    case Json::value_t::number_unsigned:
-      return value.get<std::uint64_t>();
-    case Json::value_t::number_integer: {
-      auto v = value.get<std::int64_t>();
-      return v < 0 ? outOfRange() : static_cast<std::uint64_t>(v);
-    }
-    case Json::value_t::number_float: {
-      double v = value.get<double>();
-      if (std::trunc(v) != v) typeMismatch(value, path, "an integer");
-      if (v < 0 || v > maximumExactInteger) return outOfRange();
-      return static_cast<std::uint64_t>(v);
-    }
-    default:
-      typeMismatch(value, path, "an integer");
-  }
+  return any::readUnsigned64(value, path);
 }
 
 std::vector<double> readRealArray(const Json& value, const std::string& path) {
   return readArray<double>(value, path, readReal);
-}
-
-ObjectReader::ObjectReader(const Json& value, std::string path)
-    : value_(value), path_(std::move(path)) {
-  if (!value_.is_object()) typeMismatch(value_, path_, "an object");
-}
-
-const Json* ObjectReader::find(std::string_view key) const {
-  auto it = value_.find(key);
-  return it == value_.end() ? nullptr : &*it;
 }
 
 }  // namespace json
