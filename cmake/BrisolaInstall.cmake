@@ -32,7 +32,7 @@ install(FILES ${PROJECT_BINARY_DIR}/BrisolaConfig.cmake
               ${PROJECT_BINARY_DIR}/BrisolaConfigVersion.cmake
         DESTINATION ${brisola_cmake_dir})
 
-set(brisola_pc_requires "icu-uc icu-i18n uuid")
+set(brisola_pc_requires "icu-uc icu-i18n uuid simdjson")
 set(brisola_pc_cflags "")
 if(BRISOLA_HAVE_PIPEWIRE)
   string(APPEND brisola_pc_requires " libpipewire-0.3")
