@@ -29,9 +29,12 @@ struct MeterOptions {
   std::string device;
   std::string side = "output";
   bool watch = false;
+  // The empty owner is an owner like any other: "given" is told by the option, not the text.
+  const CLI::Option* ownerOption = nullptr;
+  const CLI::Option* deviceOption = nullptr;
 
   std::string ownerID() const {
-    if (!owner.empty()) return owner;
+    if (ownerOption->count() > 0) return owner;
     return side == "source" ? RuntimeMeterStore::sourceOwnerID(device)
                             : RuntimeMeterStore::outputOwnerID(device);
   }
@@ -59,9 +62,11 @@ void addRuntimeCommands(CLI::App& app, Context& context) {
       ->needs(device)
       ->capture_default_str();
   owner->excludes(device);
+  meterOptions->ownerOption = owner;
+  meterOptions->deviceOption = device;
   meter->add_flag("--watch", meterOptions->watch, "Redraw the meter a few times a second.");
   meter->callback([meterOptions] {
-    if (meterOptions->owner.empty() && meterOptions->device.empty()) {
+    if (meterOptions->ownerOption->count() == 0 && meterOptions->deviceOption->count() == 0) {
       throw Failure(Exit::usage, "meter needs --owner ID or --device UID");
     }
     const std::string ownerID = meterOptions->ownerID();
