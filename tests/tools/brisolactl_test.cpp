@@ -256,7 +256,7 @@ TEST_F(CtlTest, DocumentsThatCannotBeLoadedAreNeverOverwrittenButMissingOnesAreS
   // A file-size limit below the document's size: the save fails and leaves nothing behind.
   std::filesystem::remove(document());
   result = runToCompletion("/usr/bin/prlimit",
-                           {"--fsize=64", program().string(), "device", "add", "Big"},
+                           {"--fsize=400", program().string(), "device", "add", "Big"},
                            environment(), directory().path());
   EXPECT_EQ(result.status, 2);
   EXPECT_NE(result.err.find("File too large"), std::string::npos) << result.err;
