@@ -23,7 +23,7 @@ struct Settings {
 
   // BRISOLA_CONFIG_PATH; empty: the default location.
   std::string configPath;
-  // BRISOLA_SERVICE_POLL_SECONDS (see pollInterval).
+  // BRISOLA_SERVICE_POLL_SECONDS, read by pollIntervalFrom.
   Seconds pollInterval = defaultPollInterval;
   // BRISOLA_SERVICE_DRY_RUN or BRISOLA_SERVICE_ONCE, read by isTruthy.
   bool dryRun = false;
