@@ -17,9 +17,9 @@
 #include "brisola/devices/core_audio_device_registry.hpp"
 #include "brisola/model/json_coding.hpp"
 #include "brisola/runtime/heartbeat.hpp"
+#include "common/service_log.hpp"
 #include "runtime/control_block.hpp"
 #include "service/brisola_service.hpp"
-#include "service/service_log.hpp"
 #include "supervision/route_supervisor.hpp"
 #include "support/documents.hpp"
 
@@ -107,7 +107,8 @@ void ServiceCycle(benchmark::State& state) {
 
   ServicePorts ports;
   ports.publish = [&](const ConfigSnapshot& snapshot) {
-    RuntimeControlStoreV3::publish(controlName.c_str(), RuntimeControlStoreV3::controls(snapshot),
+    RuntimeControlStoreV3::publish(controlName.c_str(),
+                                   RuntimeDeviceControls::forDocument(snapshot),
                                    SharedMemorySystem::posix());
   };
   ports.inventory = [&] { return CoreAudioDeviceRegistry::deviceInventory(*hardware->snapshot()); };

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "brisola/runtime/runtime_controls.hpp"
+
 namespace brisola::audio {
 
 void GainStage::setRoutes(std::span<const RuntimeChannelRoute> oneBased) {
@@ -97,7 +99,7 @@ std::optional<std::vector<float>> parseGains(std::string_view text) {
     char* end = nullptr;
     const double value = std::strtod(item.c_str(), &end);
     if (item.empty() || end != item.c_str() + item.size()) return std::nullopt;
-    gains.push_back(static_cast<float>(value));
+    gains.push_back(narrowedToFloat(value));
     if (comma == std::string_view::npos) break;
     text.remove_prefix(comma + 1);
     if (text.empty()) return std::nullopt;

@@ -13,11 +13,12 @@
 #include <string_view>
 #include <vector>
 
+#include "brisola/model/limits.hpp"
 #include "brisola/runtime/route_map.hpp"
 
 namespace brisola::audio {
 
-inline constexpr std::size_t maximumChannels = 64;
+inline constexpr std::size_t maximumChannels = Limits::channelSlotCount;
 inline constexpr std::size_t maximumRoutes = 256;
 
 struct ChannelPair {

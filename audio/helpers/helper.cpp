@@ -63,8 +63,7 @@ GainStage HelperEnvironment::gainStage(ChannelGainSide side) const {
     throw HelperError(name("GAIN") + " is not a number: \"" + gainText + "\"");
   }
   // The same rule as every gain that reaches the audio: not finite is unity, then 0...2.
-  stage.gain =
-      flag("MUTED") ? 0.0f : RuntimeDeviceControls::sanitizedGain(static_cast<float>(gain));
+  stage.gain = flag("MUTED") ? 0.0f : RuntimeDeviceControls::sanitizedGain(gain);
   const auto routes = parseRoutes(optional("ROUTES").value_or(""));
   if (!routes) {
     throw HelperError(name("ROUTES") + " is not a route list like 1:1,2:2: \"" +

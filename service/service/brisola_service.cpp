@@ -6,9 +6,9 @@
 #include "brisola/devices/core_audio_device_registry.hpp"
 #include "brisola/runtime/control_store.hpp"
 #include "brisola/runtime/heartbeat.hpp"
+#include "common/service_log.hpp"
 #include "service/number_text.hpp"
 #include "service/route_planner.hpp"
-#include "service/service_log.hpp"
 #include "supervision/route_supervisor.hpp"
 
 extern char** environ;
@@ -16,12 +16,6 @@ extern char** environ;
 namespace brisola {
 
 namespace {
-
-bool dryRunRequested(const Environment& environment) {
-  return ServiceSettings::isTruthy(
-             ServiceSettings::lookup(environment, "BRISOLA_SERVICE_DRY_RUN")) ||
-         ServiceSettings::isTruthy(ServiceSettings::lookup(environment, "BRISOLA_SERVICE_ONCE"));
-}
 
 std::string text(bool value) {
   return value ? "true" : "false";
@@ -50,14 +44,10 @@ BrisolaService::BrisolaService(Environment environment, std::vector<std::string>
 BrisolaService::BrisolaService(Environment environment, std::vector<std::string> arguments,
                                ServicePorts ports)
     : environment_(std::move(environment)),
-      store_(
-          ConfigStore::configuredURL(ServiceSettings::lookup(environment_, "BRISOLA_CONFIG_PATH"),
-                                     *FileManager::defaultManager()),
-          FileManager::defaultManager()),
-      helperPaths_(HelperPaths::resolve(environment_, arguments, *FileManager::defaultManager())),
-      pollInterval_(ServiceSettings::pollInterval(
-          ServiceSettings::lookup(environment_, "BRISOLA_SERVICE_POLL_SECONDS"))),
-      dryRun_(dryRunRequested(environment_)),
+      settings_(Settings::read(environment_)),
+      store_(ConfigStore::configuredURL(settings_.configPath, *FileManager::defaultManager()),
+             FileManager::defaultManager()),
+      helperPaths_(HelperPaths::resolve(settings_, arguments, *FileManager::defaultManager())),
       ports_(std::move(ports)) {
   // Ports are made only now, after the helpers resolved: a missing helper must end the
   // service before anything else is touched.
@@ -76,7 +66,7 @@ std::vector<DesiredRoute> BrisolaService::desiredRoutes(const ConfigSnapshot& sn
 
 void BrisolaService::run() {
   StopSignals signals;
-  if (dryRun_) {
+  if (settings_.dryRun) {
     runDry();
     return;
   }
@@ -101,7 +91,7 @@ void BrisolaService::runLoop(StopSignals& signals) {
   BrisolaServiceLog::write("Starting Brisola audio service");
   while (!signals.stopRequested()) {
     runCycle();
-    if (signals.sleep(pollInterval_)) break;
+    if (signals.sleep(settings_.pollInterval)) break;
   }
   ports_.supervisor->stopAllRoutes();
   BrisolaServiceLog::write("Stopped Brisola audio service");
@@ -109,7 +99,7 @@ void BrisolaService::runLoop(StopSignals& signals) {
 
 void BrisolaService::runDry() {
   ConfigSnapshot snapshot = store_.loadOrCreateEmpty();
-  auto controls = RuntimeControlStoreV3::controls(snapshot);
+  auto controls = RuntimeDeviceControls::forDocument(snapshot);
   auto routes = desiredRoutes(snapshot);
   BrisolaServiceLog::write("Dry run: " + std::to_string(controls.size()) + " device(s)");
   for (const auto& entry : controls) {

@@ -10,7 +10,7 @@
 
 #include "brisola/ipc/exchange_records.hpp"
 #include "brisola/store/config_store.hpp"
-#include "service/desired_route.hpp"
+#include "common/desired_route.hpp"
 #include "service/document_cache.hpp"
 #include "service/service_settings.hpp"
 #include "service/stop_signals.hpp"
@@ -32,8 +32,9 @@ struct ServicePorts {
 
 class BrisolaService {
  public:
-  // Reads the settings, builds the store and resolves the helpers (ServiceError when one is
-  // missing). `arguments` are the program's command-line arguments, the program path first.
+  // Reads the settings from `environment`, builds the store and resolves the helpers (ServiceError
+  // when one is missing). `arguments` are the program's command-line arguments, the program path
+  // first.
   BrisolaService(Environment environment, std::vector<std::string> arguments);
   BrisolaService(Environment environment, std::vector<std::string> arguments, ServicePorts ports);
   ~BrisolaService();
@@ -51,8 +52,7 @@ class BrisolaService {
 
   const ConfigStore& store() const { return store_; }
   const HelperPaths& helperPaths() const { return helperPaths_; }
-  double pollInterval() const { return pollInterval_; }
-  bool dryRun() const { return dryRun_; }
+  const Settings& settings() const { return settings_; }
 
   // The entry point: runs the service and returns the process's exit status.
   static int main(int argc, char** argv);
@@ -61,12 +61,11 @@ class BrisolaService {
   void runLoop(StopSignals& signals);
   void runDry();
 
-  Environment environment_;
+  Environment environment_;  // handed on to every helper
+  Settings settings_;
   ConfigStore store_;
   DocumentCache document_{store_};
   HelperPaths helperPaths_;
-  double pollInterval_;
-  bool dryRun_;
   ServicePorts ports_;
 };
 

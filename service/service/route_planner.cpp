@@ -1,8 +1,8 @@
 #include "service/route_planner.hpp"
 
 #include "brisola/runtime/route_map.hpp"
+#include "common/service_log.hpp"
 #include "service/number_text.hpp"
-#include "service/service_log.hpp"
 
 namespace brisola::RoutePlanner {
 

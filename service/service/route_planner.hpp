@@ -9,7 +9,7 @@
 
 #include "brisola/ipc/exchange_records.hpp"
 #include "brisola/model/config.hpp"
-#include "service/desired_route.hpp"
+#include "common/desired_route.hpp"
 #include "service/service_settings.hpp"
 
 namespace brisola::RoutePlanner {

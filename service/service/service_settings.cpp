@@ -1,12 +1,6 @@
 #include "service/service_settings.hpp"
 
-#include <locale.h>
-#include <stdlib.h>
-
 #include <algorithm>
-#include <cmath>
-
-#include "brisola/platform/unicode.hpp"
 
 namespace brisola {
 namespace fs = std::filesystem;
@@ -20,35 +14,6 @@ ServiceError ServiceError::missingHelper(std::string name) {
   return ServiceError(std::move(name));
 }
 
-namespace ServiceSettings {
-
-std::optional<std::string> lookup(const Environment& environment, std::string_view name) {
-  auto it = environment.find(std::string(name));
-  if (it == environment.end()) return std::nullopt;
-  return it->second;
-}
-
-bool isTruthy(const std::optional<std::string>& value) {
-  if (!value) return false;
-  std::string lowered = unicode::lowercased(*value);
-  return lowered == "1" || lowered == "true" || lowered == "yes" || lowered == "on";
-}
-
-double pollInterval(const std::optional<std::string>& value) {
-  if (!value || value->empty()) return defaultPollInterval;
-  unsigned char first = static_cast<unsigned char>(value->front());
-  if (first == ' ' || (first >= '\t' && first <= '\r')) return defaultPollInterval;
-  // strtod in the C locale, whatever locale the process runs in.
-  static const locale_t cLocale = ::newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
-  char* end = nullptr;
-  double parsed = ::strtod_l(value->c_str(), &end, cLocale);
-  if (end != value->c_str() + value->size()) return defaultPollInterval;  // trailing text
-  if (std::isnan(parsed) || parsed <= 0) return defaultPollInterval;
-  return std::clamp(parsed, minimumPollInterval, maximumPollInterval);
-}
-
-}  // namespace ServiceSettings
-
 namespace {
 // Resolves "." and ".." and drops a trailing separator, so equal directories compare equal.
 fs::path standardised(const fs::path& path) {
@@ -60,14 +25,13 @@ fs::path standardised(const fs::path& path) {
 }
 }  // namespace
 
-std::vector<fs::path> HelperPaths::candidateDirectories(const Environment& environment,
+std::vector<fs::path> HelperPaths::candidateDirectories(const Settings& settings,
                                                         const std::vector<std::string>& arguments,
                                                         const FileManager& fileManager) {
   fs::path current = fileManager.currentDirectory();
   std::vector<fs::path> candidates;
-  if (auto directory = ServiceSettings::lookup(environment, "BRISOLA_HELPER_DIR");
-      directory && !directory->empty()) {
-    fs::path path(*directory);
+  if (!settings.helperDirectory.empty()) {
+    fs::path path(settings.helperDirectory);
     candidates.push_back(path.is_absolute() ? path : current / path);
   }
   // Without a first argument the program's own directory is unknown and left out.
@@ -96,10 +60,10 @@ fs::path HelperPaths::executable(std::string_view name, const std::vector<fs::pa
   throw ServiceError::missingHelper(std::string(name));
 }
 
-HelperPaths HelperPaths::resolve(const Environment& environment,
+HelperPaths HelperPaths::resolve(const Settings& settings,
                                  const std::vector<std::string>& arguments,
                                  const FileManager& fileManager) {
-  auto directories = candidateDirectories(environment, arguments, fileManager);
+  auto directories = candidateDirectories(settings, arguments, fileManager);
   HelperPaths paths;
   paths.monitor = executable(monitorName, directories, fileManager);
   paths.hardwareSource = executable(hardwareSourceName, directories, fileManager);

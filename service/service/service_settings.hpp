@@ -1,20 +1,17 @@
 #pragma once
 
-// What the service reads from its environment, and where it finds its helpers.
+// Where the service finds its helpers.
 
 #include <filesystem>
-#include <map>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "brisola/platform/file_manager.hpp"
+#include "brisola/platform/settings.hpp"
 
 namespace brisola {
-
-using Environment = std::map<std::string, std::string>;
 
 class ServiceError : public std::runtime_error {
  public:
@@ -31,26 +28,6 @@ class ServiceError : public std::runtime_error {
   std::string name_;
 };
 
-namespace ServiceSettings {
-
-inline constexpr double defaultPollInterval = 1.0;
-// A poll interval that parses as infinite or huge would stop the service from cycling, and one
-// that is vanishingly small would make it spin; accepted values are brought into this range.
-inline constexpr double minimumPollInterval = 0.01;
-inline constexpr double maximumPollInterval = 3600.0;
-
-std::optional<std::string> lookup(const Environment& environment, std::string_view name);
-
-// "1", "true", "yes" or "on" after lower-casing; nothing is trimmed.
-bool isTruthy(const std::optional<std::string>& value);
-
-// The whole text must be one number in the C library's strtod syntax (C locale), with no
-// leading white space and nothing after it. Unacceptable, zero, negative and NaN values give
-// the default; accepted values are clamped to the bounds above.
-double pollInterval(const std::optional<std::string>& value);
-
-}  // namespace ServiceSettings
-
 struct HelperPaths {
   std::filesystem::path monitor;
   std::filesystem::path hardwareSource;
@@ -61,19 +38,18 @@ struct HelperPaths {
   static constexpr std::string_view hardwareSourceName = "brisola-hardware-source";
   static constexpr std::string_view processTapName = "brisola-process-tap";
 
-  // BRISOLA_HELPER_DIR (when not empty), the directory of the program's own path (the first
-  // argument; left out when there is none), then build/tools and build/service under the
+  // The settings' helper directory (when not empty), the directory of the program's own path (the
+  // first argument; left out when there is none), then build/tools and build/service under the
   // current directory; standardised, first occurrence kept.
   static std::vector<std::filesystem::path> candidateDirectories(
-      const Environment& environment, const std::vector<std::string>& arguments,
+      const Settings& settings, const std::vector<std::string>& arguments,
       const FileManager& fileManager);
   // The first candidate holding an executable regular file of that name.
   static std::filesystem::path executable(std::string_view name,
                                           const std::vector<std::filesystem::path>& directories,
                                           const FileManager& fileManager);
   // Looks up the three helpers in order; the first missing one is raised.
-  static HelperPaths resolve(const Environment& environment,
-                             const std::vector<std::string>& arguments,
+  static HelperPaths resolve(const Settings& settings, const std::vector<std::string>& arguments,
                              const FileManager& fileManager);
 };
 

@@ -51,8 +51,9 @@ bool StopSignals::stopRequested() {
   return drain();
 }
 
-bool StopSignals::sleep(double seconds) {
+bool StopSignals::sleep(std::chrono::duration<double> interval) {
   if (drain()) return true;
+  const double seconds = interval.count();
   timespec deadline{};
   ::clock_gettime(CLOCK_MONOTONIC, &deadline);
   double whole = std::floor(seconds);

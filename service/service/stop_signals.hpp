@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+
 #include <csignal>
 
 #include "brisola/platform/unique_fd.hpp"
@@ -19,7 +21,7 @@ class StopSignals {
 
   // Sleeps up to `seconds`; returns early when a stop signal arrives. Returns whether a stop
   // signal has been received, now or before. Later signals change nothing.
-  bool sleep(double seconds);
+  bool sleep(std::chrono::duration<double> interval);
   bool stopRequested();
 
  private:

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "service/service_log.hpp"
+#include "common/service_log.hpp"
 
 namespace brisola {
 

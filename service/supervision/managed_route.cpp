@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "service/service_log.hpp"
+#include "common/service_log.hpp"
 
 namespace brisola {
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string_view>
 
-#include "service/desired_route.hpp"
+#include "common/desired_route.hpp"
 #include "supervision/child_process.hpp"
 #include "supervision/clock.hpp"
 #include "supervision/helper_reaper.hpp"

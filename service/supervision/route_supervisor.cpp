@@ -4,7 +4,7 @@
 #include <unordered_set>
 #include <utility>
 
-#include "service/service_log.hpp"
+#include "common/service_log.hpp"
 #include "supervision/posix_process_launcher.hpp"
 
 namespace brisola {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "service/desired_route.hpp"
+#include "common/desired_route.hpp"
 #include "supervision/child_process.hpp"
 #include "supervision/clock.hpp"
 #include "supervision/helper_reaper.hpp"

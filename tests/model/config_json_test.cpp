@@ -105,8 +105,11 @@ TEST(ConfigJSON, RichDocumentRoundTripsSortedPrettyAndWithShortestReals) {
   expectKeysSortedEverywhere(nlohmann::ordered_json::parse(text), "document");
   EXPECT_EQ(Json::parse(encodeJSON(ConfigSnapshot::empty())),
             Json::parse(R"({"devices":[],"schemaVersion":2,"ui":{"appearance":"system"}})"));
-  original.devices[0].name = "bad \xC3";
-  EXPECT_THROW(encodeJSON(original), EncodingError) << "text that is not UTF-8 was written";
+  // Text that is not UTF-8 is refused at its own path.
+  original.devices[1].sources[0].name = "bad \xC3";
+  const auto error = testing::thrown<EncodingError>([&] { encodeJSON(original); });
+  ASSERT_TRUE(error) << "text that is not UTF-8 was written";
+  EXPECT_EQ(error->path(), "devices[1].sources[0].name") << error->what();
 }
 
 TEST(ConfigJSON, ReadingAcceptsWhatTheFormatAllows) {

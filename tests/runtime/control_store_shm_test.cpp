@@ -30,7 +30,7 @@ TEST_F(FixedObject, ReadsWhatTheServicePublishedAndNothingBefore) {
   ConfigSnapshot snapshot;
   snapshot.devices = {testing::stereoDevice("studio", "Studio"), testing::stereoDevice("p", "P")};
   RuntimePublisher::publish(snapshot);
-  EXPECT_EQ(store::read(), store::controls(snapshot));
+  EXPECT_EQ(store::read(), RuntimeDeviceControls::forDocument(snapshot));
   EXPECT_EQ(testing::ShmObject(fixedName).size(), 65536u);
 }
 

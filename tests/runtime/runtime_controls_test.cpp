@@ -61,12 +61,12 @@ TEST(RuntimeDeviceControls, GainsAreSanitisedAndListsCutOrPadded) {
 
 TEST(RuntimeDeviceControls, DecodingKeepsValuesAsTheyStand) {
   auto decoded = decodeJSON<RuntimeDeviceControls>(R"({"uid":"u","name":"n","icon":"i",
-      "channelCount":3,"deviceEnabled":false,"deviceGain":5,"channelGains":[-1],
+      "channelCount":3,"deviceEnabled":false,"deviceGain":5,"channelGains":[-1,-1e300],
       "sourceEnabled":true,"muted":true,"sourceGain":-2,
       "routes":[{"sourceChannel":0,"outputChannel":-4}]})");
   EXPECT_EQ(std::tuple(decoded.channelCount, decoded.deviceGain, decoded.sourceGain, decoded.muted),
             std::tuple(3, 5.0f, -2.0f, true));
-  EXPECT_THAT(decoded.channelGains, ElementsAre(-1.0f));
+  EXPECT_THAT(decoded.channelGains, ElementsAre(-1.0f, -inf));
   EXPECT_THAT(decoded.routes, ElementsAre(R{0, -4}));
 }
 
@@ -76,15 +76,11 @@ DeviceConfig plainDevice(std::string id) {
   return DeviceConfig{.id = id, .name = "Device " + id, .enabled = true, .channelCount = 2};
 }
 
-RuntimeDeviceControls controlsOf(DeviceConfig device) {
-  return RuntimeControlStoreV3::controls({.devices = {std::move(device)}}).at(0);
-}
-
 TEST(RuntimeControls, OneRecordPerDeviceAtMost16InDocumentOrderDisabledIncluded) {
   ConfigSnapshot snapshot;
   for (int i = 0; i < 20; ++i) snapshot.devices.push_back(plainDevice("d" + std::to_string(i)));
   snapshot.devices[3].enabled = false;
-  auto controls = RuntimeControlStoreV3::controls(snapshot);
+  auto controls = RuntimeDeviceControls::forDocument(snapshot);
   ASSERT_EQ(controls.size(), 16u);
   for (std::size_t i = 0; i < controls.size(); ++i) {
     EXPECT_EQ(controls[i].uid, snapshot.devices[i].uid);
@@ -92,7 +88,7 @@ TEST(RuntimeControls, OneRecordPerDeviceAtMost16InDocumentOrderDisabledIncluded)
   }
   EXPECT_FALSE(controls[3].deviceEnabled);
   EXPECT_TRUE(controls[4].deviceEnabled);
-  EXPECT_TRUE(RuntimeControlStoreV3::controls(ConfigSnapshot::empty()).empty());
+  EXPECT_TRUE(RuntimeDeviceControls::forDocument(ConfigSnapshot::empty()).empty());
 }
 
 TEST(RuntimeControls, PassThruSourceDecidesSourceFieldsAndRoutes) {
@@ -100,7 +96,7 @@ TEST(RuntimeControls, PassThruSourceDecidesSourceFieldsAndRoutes) {
   DeviceConfig none = plainDevice("none");
   none.sources.push_back(testing::hardwareSource("mic", "in"));
   none.wires.push_back(wire("w", sourceEnd("mic", 1), outputEnd("none", 1)));
-  auto noneControls = controlsOf(none);
+  auto noneControls = RuntimeDeviceControls::of(none);
   EXPECT_EQ(std::tuple(noneControls.sourceEnabled, noneControls.muted, noneControls.sourceGain),
             std::tuple(true, false, 1.0f));
   EXPECT_THAT(noneControls.routes, ElementsAre(R{1, 1}, R{2, 2}));
@@ -108,7 +104,7 @@ TEST(RuntimeControls, PassThruSourceDecidesSourceFieldsAndRoutes) {
   // A pass-thru source without wires into the output: no routes, not the stereo map.
   DeviceConfig unwired = plainDevice("unwired");
   unwired.sources.push_back(testing::passThruSource("pt"));
-  EXPECT_TRUE(controlsOf(unwired).routes.empty());
+  EXPECT_TRUE(RuntimeDeviceControls::of(unwired).routes.empty());
 
   // Two pass-thru sources: the first in source order counts.
   DeviceConfig two = plainDevice("two");
@@ -119,7 +115,7 @@ TEST(RuntimeControls, PassThruSourceDecidesSourceFieldsAndRoutes) {
   two.sources[1].gain = 0.5;
   two.wires = {wire("a", sourceEnd("second", 1), outputEnd("two", 1)),
                wire("b", sourceEnd("first", 2), outputEnd("two", 1))};
-  auto twoControls = controlsOf(two);
+  auto twoControls = RuntimeDeviceControls::of(two);
   EXPECT_EQ(std::tuple(twoControls.sourceEnabled, twoControls.muted, twoControls.sourceGain),
             std::tuple(false, true, 0.5f));
   EXPECT_THAT(twoControls.routes, ElementsAre(R{2, 1}));
@@ -131,23 +127,27 @@ TEST(RuntimeControls, RouteBoundIsTheConfiguredChannelCountNotThePublishedOne) {
   odd.sources.push_back(testing::passThruSource("pt"));
   odd.wires = {wire("w3", sourceEnd("pt", 1), outputEnd("odd", 3)),
                wire("w4", sourceEnd("pt", 1), outputEnd("odd", 4))};
-  auto controls = controlsOf(odd);
+  auto controls = RuntimeDeviceControls::of(odd);
   EXPECT_EQ(controls.channelCount, 2);
   EXPECT_THAT(controls.routes, ElementsAre(R{1, 3}));
 }
 
 TEST(RuntimeControls, VolumeAndChannelGainsAreNarrowedThenSanitised) {
-  const std::vector<std::pair<double, float>> rows{{3.0, 2.0f}, {1e300, 1.0f}, {0.1, 0.1f}};
+  // Beyond the float range is infinite, hence unity; not clamped to 2 or 0.
+  const std::vector<std::pair<double, float>> rows{
+      {3.0, 2.0f}, {1e300, 1.0f}, {-1e300, 1.0f}, {3.5e38, 1.0f}, {0.1, 0.1f}};
   for (auto [volume, expected] : rows) {
     SCOPED_TRACE(volume);
     DeviceConfig device = plainDevice("d");
     device.volume = volume;
     device.channelGains = std::vector<double>{volume};
-    auto controls = controlsOf(device);
-    EXPECT_EQ(controls.deviceGain, expected);
-    EXPECT_EQ(controls.channelGains[0], expected);
+    device.sources.push_back(testing::passThruSource("pt"));
+    device.sources[0].gain = volume;
+    auto controls = RuntimeDeviceControls::of(device);
+    EXPECT_EQ(std::tuple(controls.deviceGain, controls.channelGains[0], controls.sourceGain),
+              std::tuple(expected, expected, expected));
   }
-  EXPECT_EQ(controlsOf(plainDevice("d")).channelGains, std::vector<float>(64, 1.0f));
+  EXPECT_EQ(RuntimeDeviceControls::of(plainDevice("d")).channelGains, std::vector<float>(64, 1.0f));
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "common/service_log.hpp"
 #include "service/route_planner.hpp"
-#include "service/service_log.hpp"
 #include "support/documents.hpp"
 
 namespace brisola {

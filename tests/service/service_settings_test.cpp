@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "common/service_log.hpp"
 #include "service/number_text.hpp"
-#include "service/service_log.hpp"
 #include "service/service_settings.hpp"
 #include "support/system_helpers.hpp"
 #include "support/thrown.hpp"
@@ -16,12 +16,24 @@ using testing::thrown;
 
 TEST(ServiceSettings, TruthyValuesAreTheFourWordsInAnyCaseAndNothingElse) {
   for (const char* yes : {"1", "true", "TRUE", "Yes", "ON", "on"}) {
-    EXPECT_TRUE(ServiceSettings::isTruthy(std::string(yes))) << yes;
+    EXPECT_TRUE(Settings::isTruthy(std::string(yes))) << yes;
   }
   for (const char* no : {"0", "false", "no", "off", "y", "", " true", "true ", "2"}) {
-    EXPECT_FALSE(ServiceSettings::isTruthy(std::string(no))) << '"' << no << '"';
+    EXPECT_FALSE(Settings::isTruthy(std::string(no))) << '"' << no << '"';
   }
-  EXPECT_FALSE(ServiceSettings::isTruthy(std::nullopt));
+  EXPECT_FALSE(Settings::isTruthy(std::nullopt));
+}
+
+TEST(ServiceSettings, EachVariableFillsItsOwnField) {
+  EXPECT_EQ(Settings::read({{"BRISOLA_CONFIG_PATH", "c.json"},
+                            {"BRISOLA_SERVICE_POLL_SECONDS", "0.5"},
+                            {"BRISOLA_SERVICE_ONCE", "yes"},
+                            {"BRISOLA_HELPER_DIR", "helpers"},
+                            {"BRISOLA_HARDWARE_SIMULATION", "hw.json"},
+                            {"BRISOLA_SERVICE_DRY_RUN", "no"}}),
+            (Settings{"c.json", Settings::Seconds(0.5), true, "helpers", "hw.json"}));
+  EXPECT_EQ(Settings::read({{"BRISOLA_SERVICE_DRY_RUN", "on"}}).dryRun, true);
+  EXPECT_EQ(Settings::read({}), Settings{});
 }
 
 TEST(ServiceSettings, PollIntervalAcceptsOnlyWholeStrtodNumbersAboveZero) {
@@ -33,10 +45,10 @@ TEST(ServiceSettings, PollIntervalAcceptsOnlyWholeStrtodNumbersAboveZero) {
       {std::nullopt, 1.0}, {"0.25", 0.25}, {"1e1", 10.0},   {"+2", 2.0},       {"0x10", 16.0},
       {"2.", 2.0},         {".5", 0.5},    {"0", 1.0},      {"-3", 1.0},       {"abc", 1.0},
       {"nan", 1.0},        {"", 1.0},      {" 2", 1.0},     {"2 ", 1.0},       {"\t2", 1.0},
-      {"2s", 1.0},         {"1,5", 1.0},   {"inf", 3600.0}, {"1e300", 3600.0}, {"1e-300", 0.01},
+      {"2s", 1.0},         {"1,5", 1.0},   {"inf", 3600.0}, {"1e300", 3600.0}, {"1e-300", 1e-300},
   };
   for (const auto& c : cases) {
-    EXPECT_DOUBLE_EQ(ServiceSettings::pollInterval(c.text), c.seconds)
+    EXPECT_DOUBLE_EQ(Settings::pollIntervalFrom(c.text).count(), c.seconds)
         << (c.text ? '"' + *c.text + '"' : "absent");
   }
 }
@@ -68,23 +80,23 @@ class HelperPathsTest : public ::testing::Test {
 TEST_F(HelperPathsTest, CandidatesAreOrderedStandardisedAndDeduplicated) {
   fs::path cwd = fs::current_path();
   auto candidates =
-      HelperPaths::candidateDirectories({{"BRISOLA_HELPER_DIR", "helpers/../helpers/"}},
+      HelperPaths::candidateDirectories(Settings{.helperDirectory = "helpers/../helpers/"},
                                         {"build/./service/brisola-audio-service"}, files_);
   EXPECT_THAT(candidates,
               ::testing::ElementsAre(cwd / "helpers", cwd / "build/service", cwd / "build/tools"));
 
-  candidates = HelperPaths::candidateDirectories({{"BRISOLA_HELPER_DIR", ""}},
+  candidates = HelperPaths::candidateDirectories(Settings{.helperDirectory = ""},
                                                  {"/opt/brisola/bin/service"}, files_);
   EXPECT_THAT(candidates, ::testing::ElementsAre(fs::path("/opt/brisola/bin"), cwd / "build/tools",
                                                  cwd / "build/service"));
-  candidates = HelperPaths::candidateDirectories({}, {}, files_);
+  candidates = HelperPaths::candidateDirectories(Settings{}, {}, files_);
   EXPECT_THAT(candidates, ::testing::ElementsAre(cwd / "build/tools", cwd / "build/service"));
 }
 
 TEST_F(HelperPathsTest, LookupPrefersTheEnvironmentSkipsNonExecutablesAndNamesTheFirstMissing) {
   fs::path cwd = fs::current_path();
-  auto resolved = [&](const Environment& environment) {
-    return HelperPaths::resolve(environment, {(cwd / "self" / "svc").string()}, files_);
+  auto resolved = [&](const Settings& settings) {
+    return HelperPaths::resolve(settings, {(cwd / "self" / "svc").string()}, files_);
   };
   auto missing = [&] { return thrown<ServiceError>([&] { resolved({}); }); };
   EXPECT_EQ(missing(), ServiceError::missingHelper("brisola-monitor"));
@@ -94,10 +106,10 @@ TEST_F(HelperPathsTest, LookupPrefersTheEnvironmentSkipsNonExecutablesAndNamesTh
 
   makeAll(cwd / "env");
   makeAll(cwd / "self");
-  const Environment environment{{"BRISOLA_HELPER_DIR", (cwd / "env").string()}};
-  EXPECT_EQ(resolved(environment).monitor, cwd / "env" / "brisola-monitor");
+  const Settings settings{.helperDirectory = (cwd / "env").string()};
+  EXPECT_EQ(resolved(settings).monitor, cwd / "env" / "brisola-monitor");
   makeHelper(cwd / "env", "brisola-hardware-source", false);  // present but not executable
-  EXPECT_EQ(resolved(environment),
+  EXPECT_EQ(resolved(settings),
             (HelperPaths{cwd / "env" / "brisola-monitor", cwd / "self" / "brisola-hardware-source",
                          cwd / "env" / "brisola-process-tap"}));
 }

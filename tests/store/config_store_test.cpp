@@ -93,7 +93,17 @@ TEST(ConfigStore, SavedDocumentsReadBackEqualAndOlderSchemasAreUpgradedInMemoryO
 }
 
 // Makes exactly one step of a save fail with an I/O error.
-enum class Step { createDirectory, createFile, append, sync, close, replace, move };
+// replaceLosingDocument: the document vanishes while the replacement fails.
+enum class Step {
+  createDirectory,
+  createFile,
+  append,
+  sync,
+  close,
+  replace,
+  replaceLosingDocument,
+  move
+};
 
 void failAt(Step step, Step failing, const fs::path& path) {
   if (step != failing) return;
@@ -138,7 +148,9 @@ class FailingFileManager : public FileManagerWrapper {
                                          path);
   }
   void replaceItem(const fs::path& target, const fs::path& replacement) const override {
+    if (failing_ == Step::replaceLosingDocument) fs::remove(target);
     failAt(Step::replace, failing_, target);
+    failAt(Step::replaceLosingDocument, failing_, target);
     FileManagerWrapper::replaceItem(target, replacement);
   }
   void moveItem(const fs::path& from, const fs::path& to) const override {
@@ -150,20 +162,21 @@ class FailingFileManager : public FileManagerWrapper {
   Step failing_;
 };
 
-TEST(ConfigStore, EveryFailingStepOfASaveLeavesTheDocumentIntact) {
+TEST(ConfigStore, EveryFailingStepOfASaveLeavesTheDocumentIntactAndNoTemporaryFile) {
   struct Case {
     Step step;
     bool documentExists, temporaryLeftBehind;
   };
-  // A temporary file is removed when writing it failed; one that is complete but could not be
-  // put in place stays (it is never read).
+  // Nothing reads a temporary file: it stays only as the one whole copy of a document that
+  // vanished.
   const std::vector<Case> cases = {{Step::createDirectory, false, false},
                                    {Step::createFile, true, false},
                                    {Step::append, true, false},
                                    {Step::sync, true, false},
                                    {Step::close, true, false},
-                                   {Step::replace, true, true},
-                                   {Step::move, false, true}};
+                                   {Step::replace, true, false},
+                                   {Step::replaceLosingDocument, true, true},
+                                   {Step::move, false, false}};
   for (const Case& c : cases) {
     SCOPED_TRACE(static_cast<int>(c.step));
     TempDir dir;
@@ -176,7 +189,7 @@ TEST(ConfigStore, EveryFailingStepOfASaveLeavesTheDocumentIntact) {
     const auto error = thrown<fs::filesystem_error>([&] { store.save(ConfigSnapshot::empty()); });
     ASSERT_TRUE(error) << "the save succeeded";
     EXPECT_EQ(error->code(), std::errc::io_error);
-    if (c.documentExists) {
+    if (c.documentExists && !c.temporaryLeftBehind) {
       EXPECT_EQ(storeAt(url).load(), richSnapshot());
     } else {
       EXPECT_FALSE(fs::exists(url));
@@ -185,7 +198,8 @@ TEST(ConfigStore, EveryFailingStepOfASaveLeavesTheDocumentIntact) {
       auto names = namesIn(url.parent_path());
       std::erase(names, "config.json");
       if (c.temporaryLeftBehind) {
-        EXPECT_THAT(names, ElementsAre(MatchesRegex(R"(\.config\.json\.[0-9A-F-]{36}\.tmp)")));
+        ASSERT_THAT(names, ElementsAre(MatchesRegex(R"(\.config\.json\.[0-9A-F-]{36}\.tmp)")));
+        EXPECT_EQ(readFile(url.parent_path() / names[0]), encodeJSON(ConfigSnapshot::empty()));
       } else {
         EXPECT_THAT(names, IsEmpty());
       }
@@ -278,6 +292,22 @@ TEST(ConfigStoreCrash, KilledWriterNeverLeavesATornOrMissingDocument) {
   // Both documents must have been seen, or the kills did not land while writing.
   EXPECT_GT(sawFirst, 0);
   EXPECT_GT(sawSecond, 0);
+
+  // The killed saves' files go with the next save once they are old enough to belong to no
+  // running save; others' files stay.
+  writeFile(dir / ".config.json.ABCDEF01-2345-6789-abcd-EF0123456789.tmp", "{\"devi");
+  writeFile(dir / ".config.json.notes.tmp", "");
+  writeFile(dir / ".other.json.00000000-0000-0000-0000-000000000000.tmp", "");
+  const auto files = FileManager::defaultManager();
+  for (const auto& name : namesIn(dir.path())) {
+    files->setModificationDate(dir / name, FileManager::Clock::now() - std::chrono::minutes(11));
+  }
+  writeFile(dir / ".config.json.11111111-2222-3333-4444-555555555555.tmp", "a running save");
+  store.save(first);
+  EXPECT_THAT(
+      namesIn(dir.path()),
+      ElementsAre(".config.json.11111111-2222-3333-4444-555555555555.tmp", ".config.json.notes.tmp",
+                  ".other.json.00000000-0000-0000-0000-000000000000.tmp", "config.json"));
 }
 
 }  // namespace

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "brisola/platform/unique_fd.hpp"
-#include "service/service_log.hpp"
+#include "common/service_log.hpp"
 #include "supervision/route_supervisor.hpp"
 #include "support/system_helpers.hpp"
 

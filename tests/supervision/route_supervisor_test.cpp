@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "service/service_log.hpp"
+#include "common/service_log.hpp"
 
 namespace brisola {
 namespace {

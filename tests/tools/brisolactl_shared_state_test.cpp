@@ -44,12 +44,13 @@ TEST_F(CtlSharedStateTest, ControlsAreTheLastPublishedRecords) {
 
 // A producer's meter object with constant levels, removed with the test.
 struct StillMeter {
-  // The output meter of the device with this UID.
+  // By default the output meter of the device with this UID.
   std::string uid = "brisola.test.ctl." + std::to_string(::getpid());
-  std::string owner = RuntimeMeterStore::outputOwnerID(uid);
+  std::string owner;
   ShmObject object{RuntimeMeterStore::objectName(owner), 4096};
 
-  StillMeter() {
+  StillMeter() : StillMeter(RuntimeMeterStore::outputOwnerID(uid)) {}
+  explicit StillMeter(std::string ownerID) : owner(std::move(ownerID)) {
     const std::vector<std::uint32_t> header{0x53544D4B, 2, 4096, 2, 2};
     for (std::size_t i = 0; i < header.size(); ++i) object.setU32(4 * i, header[i]);
     object.setF32(20, 0.5f);
@@ -86,6 +87,15 @@ TEST_F(CtlSharedStateTest, MeterReadingsAndTheirAbsence) {
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "");
   EXPECT_NE(result.err.find(RuntimeMeterStore::sourceOwnerID("no-such-device")), std::string::npos);
+
+  // An empty owner or device is given, not missing: it names an object like any other.
+  StillMeter unnamed("");
+  result = run({"meter", "--owner", ""});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, encodeJSON(*RuntimeMeterStore::reading("")) + "\n");
+  result = run({"meter", "--device", ""});
+  EXPECT_EQ(result.status, 1) << result.err;
+  EXPECT_NE(result.err.find(RuntimeMeterStore::outputOwnerID("")), std::string::npos);
 }
 
 TEST_F(CtlSharedStateTest, WatchShowsBarsThenTheFrozenMeterAsAbsentUntilInterrupted) {

@@ -238,6 +238,14 @@ TEST_F(CtlTest, RefusedEditsAndWrongCommandLinesLeaveTheFileByteForByte) {
       {{"monitor", "add", "ghost", "Speakers"}, 1, editorError([](auto& in) {
          return encodeJSON(Editor::requireDevice("ghost", in));
        })},
+      {{"benchmark", "prepare", "--input-uid", "StudioMic", "--input-name", "Studio Mic",
+        "--input-channels", "4", "--first-channel", "3", "--monitor-uid", "", "--monitor-name",
+        "Desk Speakers", "--monitor-channels", "2"},
+       1,
+       editorError([](auto& in) {
+         return encodeJSON(Editor::prepareHardwareInputMonitorBenchmarkDevice(
+             "StudioMic", "Studio Mic", 4, "", "Desk Speakers", 2, 3, std::nullopt, in));
+       })},
       {{"wire", "connect", "studio", "source:mic", "deviceOutput:studio:1"},
        64,
        "brisolactl: Wire endpoint 'source:mic'"},
@@ -355,6 +363,18 @@ TEST_F(CtlTest, DocumentsThatCannotBeLoadedAreNeverOverwrittenButMissingOnesAreS
   ASSERT_EQ(created.devices.size(), 1u);
   EXPECT_EQ(created.devices[0].name, "First");
   EXPECT_EQ(readFile(document()), "{ not json");
+
+  // A file-size limit below the document's size: the save fails and leaves nothing behind.
+  std::filesystem::remove(document());
+  result = runToCompletion("/usr/bin/prlimit",
+                           {"--fsize=400", program().string(), "device", "add", "Big"},
+                           environment(), directory().path());
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("File too large"), std::string::npos) << result.err;
+  EXPECT_FALSE(std::filesystem::exists(document()));
+  for (const auto& entry : std::filesystem::directory_iterator(directory().path())) {
+    EXPECT_EQ(entry.path().filename().string().find(".config.json."), std::string::npos);
+  }
 }
 
 TEST_F(CtlTest, UnreadableSimulatedHardwareIsAnErrorNotAnEmptyList) {

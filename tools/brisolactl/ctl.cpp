@@ -1,19 +1,19 @@
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <utility>
 #include <vector>
 
 #include "brisola/editing/config_editor.hpp"
+#include "brisola/platform/settings.hpp"
 #include "brisolactl/ctl.hpp"
 
 namespace brisola::ctl {
 
 std::filesystem::path Context::configURL() const {
   std::optional<std::string> chosen = configOption;
-  if (!chosen || chosen->empty()) {
-    if (const char* value = std::getenv("BRISOLA_CONFIG_PATH")) chosen = value;
-  }
+  if (!chosen || chosen->empty()) chosen = Settings::current().configPath;
   return ConfigStore::configuredURL(chosen, *FileManager::defaultManager());
 }
 
@@ -102,6 +102,9 @@ std::optional<std::string> unknownCommand(CLI::App& app, int argc, char** argv) 
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Beyond a file-size limit a write then fails with EFBIG ("File too large") and the save
+  // cleans up, instead of the signal killing the tool midway without a word.
+  std::signal(SIGXFSZ, SIG_IGN);
   Context context;
   CLI::App app{
       "Inspects and edits Brisola's virtual audio devices: the configuration document, "

@@ -53,6 +53,8 @@ struct Arguments {
   // benchmark prepare
   std::string inputUID, inputName, monitorUID, monitorName;
   std::int64_t inputChannels = 0, monitorChannels = 0, firstChannel = 0;
+  // Given, even empty: a blank monitor UID is the editor's to refuse, not a benchmark without one.
+  const CLI::Option* monitorOption = nullptr;
 };
 
 using Edit = std::function<std::string(ConfigSnapshot&)>;
@@ -597,7 +599,7 @@ void addBenchmarkCommands(CLI::App& app, const Context& context, Arguments& a) {
       "hardware input (and, with the --monitor options, played on an output), appends it and "
       "selects it. Prints the device.",
       context, [&a](ConfigSnapshot& in) {
-        if (a.monitorUID.empty()) {
+        if (a.monitorOption->count() == 0) {
           if (!a.inputBackend.empty()) {
             throw Failure(Exit::usage, "--input-backend needs the --monitor options");
           }
@@ -616,6 +618,7 @@ void addBenchmarkCommands(CLI::App& app, const Context& context, Arguments& a) {
   prepare->add_option("--first-channel", a.firstChannel, "The first of the two input channels.")
       ->required();
   auto* uid = prepare->add_option("--monitor-uid", a.monitorUID, "The output device's UID.");
+  a.monitorOption = uid;
   auto* name = prepare->add_option("--monitor-name", a.monitorName, "The output's name.");
   auto* channels =
       prepare->add_option("--monitor-channels", a.monitorChannels, "The output's channel count.");

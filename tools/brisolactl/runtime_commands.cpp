@@ -30,6 +30,9 @@ struct MeterOptions {
   std::string device;
   std::string side = "output";
   bool watch = false;
+  // The empty owner is an owner like any other: "given" is told by the option, not the text.
+  const CLI::Option* ownerOption = nullptr;
+  const CLI::Option* deviceOption = nullptr;
   // The device's UID and name when --device names one of the document's devices.
   std::string uid;
   std::string title;
@@ -59,7 +62,7 @@ struct MeterOptions {
   }
 
   std::string ownerID() const {
-    if (!owner.empty()) return owner;
+    if (ownerOption->count() > 0) return owner;
     return side == "source" ? RuntimeMeterStore::sourceOwnerID(uid)
                             : RuntimeMeterStore::outputOwnerID(uid);
   }
@@ -87,15 +90,17 @@ void addRuntimeCommands(CLI::App& app, Context& context) {
       ->needs(device)
       ->capture_default_str();
   owner->excludes(device);
+  meterOptions->ownerOption = owner;
+  meterOptions->deviceOption = device;
   meter->add_flag("--watch", meterOptions->watch, "Redraw the meter a few times a second.");
   meter->callback([meterOptions, &context] {
-    if (meterOptions->owner.empty() && meterOptions->device.empty()) {
+    if (meterOptions->ownerOption->count() == 0 && meterOptions->deviceOption->count() == 0) {
       throw Failure(Exit::usage, "meter needs --owner ID or --device UID");
     }
     if (!meterOptions->device.empty()) meterOptions->resolveDevice(context);
     const std::string ownerID = meterOptions->ownerID();
     if (meterOptions->watch) {
-      watchMeter(ownerID, meterOptions->owner.empty() ? meterOptions->title : ownerID);
+      watchMeter(ownerID, meterOptions->ownerOption->count() > 0 ? ownerID : meterOptions->title);
       return;
     }
     auto reading = RuntimeMeterStore::reading(ownerID);

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "brisola/devices/hardware_layer.hpp"
+#include "brisola/platform/settings.hpp"
 #include "devices/hardware_backends.hpp"
 
 namespace brisola {
@@ -74,13 +75,13 @@ std::unique_ptr<HardwareBackend> HardwareBackend::unavailable(std::string reason
 }
 
 std::unique_ptr<HardwareBackend> HardwareBackend::current() {
-  const std::string variable(hardwareSimulationEnvironmentVariable);
-  const char* file = std::getenv(variable.c_str());
-  if (file != nullptr && *file != '\0') return simulated(file);
+  const std::string file = Settings::current().hardwareFile;
+  if (!file.empty()) return simulated(file);
 #ifdef BRISOLA_HAVE_PIPEWIRE
   return pipeWire();
 #else
-  return unavailable("No audio hardware layer: this build has no PipeWire; set " + variable +
+  return unavailable("No audio hardware layer: this build has no PipeWire; set " +
+                     std::string(hardwareSimulationEnvironmentVariable) +
                      " to a simulated hardware file");
 #endif
 }

@@ -95,6 +95,35 @@ void reportNonFiniteNumber(const Json& value, const std::string& path) {
   }
 }
 
+// As above, for text the library refuses to write (not UTF-8): the first string or key it
+// refuses, in its own words.
+void reportUnwritableText(const Json& value, const std::string& path) {
+  const auto check = [](const std::string& text, const std::string& at) {
+    try {
+      static_cast<void>(Json(text).dump());
+    } catch (const Json::type_error& error) {
+      throw EncodingError(at, parseProblem(error.what()));
+    }
+  };
+  switch (value.type()) {
+    case Json::value_t::string:
+      check(value.get_ref<const std::string&>(), path);
+      break;
+    case Json::value_t::object:
+      for (const auto& [key, member] : value.items()) {
+        check(key, path);
+        reportUnwritableText(member, childPath(path, key));
+      }
+      break;
+    case Json::value_t::array:
+      for (std::size_t i = 0; i < value.size(); ++i)
+        reportUnwritableText(value[i], indexPath(path, i));
+      break;
+    default:
+      break;
+  }
+}
+
 }  // namespace
 
 std::string childPath(const std::string& path, std::string_view key) {
@@ -132,6 +161,7 @@ std::string dump(const Json& value) {
   try {
     return value.dump(2);
   } catch (const Json::type_error& error) {
+    reportUnwritableText(value, "");
     throw EncodingError("", parseProblem(error.what()));
   }
 }

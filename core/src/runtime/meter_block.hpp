@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "brisola/model/limits.hpp"
 #include "brisola/runtime/meter_store.hpp"
 #include "runtime/shared_memory.hpp"
 
@@ -22,7 +23,7 @@ inline constexpr std::size_t sequenceOffset = 12;
 inline constexpr std::size_t channelCountOffset = 16;
 inline constexpr std::size_t levelsOffset = 20;
 inline constexpr std::size_t peaksOffset = 276;
-inline constexpr std::size_t maximumChannelCount = 64;
+inline constexpr std::size_t maximumChannelCount = Limits::channelSlotCount;
 static_assert(levelsOffset + 4 * maximumChannelCount == peaksOffset);
 }  // namespace meterLayout
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <limits>
 #include <system_error>
 
 #include "model/json_support.hpp"
@@ -25,21 +26,72 @@ RuntimeDeviceControls::RuntimeDeviceControls(std::string uid_, std::string name_
       muted(muted_),
       sourceGain(sanitizedGain(sourceGain_)),
       routes(std::move(routes_)) {
-  channelGains.resize(std::min(channelGains.size(), channelGainCount));
+  channelGains.resize(std::min(channelGains.size(), Limits::channelSlotCount));
   for (float& gain : channelGains) gain = sanitizedGain(gain);
-  channelGains.resize(channelGainCount, 1.0f);
-  if (routes.size() > maximumRouteCount) routes.resize(maximumRouteCount);
+  channelGains.resize(Limits::channelSlotCount, 1.0f);
+  if (routes.size() > Limits::maximumRouteCount) routes.resize(Limits::maximumRouteCount);
+}
+
+namespace {
+const SourceConfig* passThruSource(const DeviceConfig& device) {
+  auto found = std::find_if(device.sources.begin(), device.sources.end(),
+                            [](const SourceConfig& s) { return s.type == SourceType::passThru; });
+  return found == device.sources.end() ? nullptr : &*found;
+}
+}  // namespace
+
+RuntimeDeviceControls RuntimeDeviceControls::of(const DeviceConfig& device) {
+  // Narrowed only: the constructor sanitises every gain.
+  std::vector<float> gains;
+  if (device.channelGains) {
+    const std::size_t count = std::min(device.channelGains->size(), Limits::channelSlotCount);
+    gains.reserve(count);
+    for (std::size_t k = 0; k < count; ++k) {
+      gains.push_back(narrowedToFloat((*device.channelGains)[k]));
+    }
+  }
+  const SourceConfig* source = passThruSource(device);
+  return RuntimeDeviceControls(
+      device.uid, device.name, device.icon, device.channelCount, device.enabled,
+      narrowedToFloat(device.volume), std::move(gains), source == nullptr || source->enabled,
+      source != nullptr && source->muted, source == nullptr ? 1.0f : narrowedToFloat(source->gain),
+      // The default stereo map only without any pass-thru source; a pass-thru source without
+      // wires gets no routes.
+      source == nullptr ? RuntimeRouteMap::defaultStereoRoutes()
+                        : RuntimeRouteMap::sourceRoutes(source->id, device, device.channelCount));
+}
+
+std::vector<RuntimeDeviceControls> RuntimeDeviceControls::forDocument(
+    const ConfigSnapshot& snapshot) {
+  const std::size_t count = std::min(snapshot.devices.size(), Limits::maximumDeviceCount);
+  std::vector<RuntimeDeviceControls> result;
+  result.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) result.push_back(of(snapshot.devices[i]));
+  return result;
 }
 
 std::int64_t RuntimeDeviceControls::normalizedChannelCount(std::int64_t count) {
   // The remainder has the sign of the value, so odd counts move toward zero.
-  return std::clamp<std::int64_t>(count - count % 2, minimumChannelCount, maximumChannelCount);
+  return std::clamp<std::int64_t>(count - count % 2, Limits::minimumChannelCount,
+                                  Limits::maximumChannelCount);
 }
 
-float RuntimeDeviceControls::sanitizedGain(float gain) {
+float narrowedToFloat(double value) {
+  if (std::isnan(value)) return std::numeric_limits<float>::quiet_NaN();
+  if (std::fabs(value) > std::numeric_limits<float>::max()) {
+    return value > 0 ? std::numeric_limits<float>::infinity()
+                     : -std::numeric_limits<float>::infinity();
+  }
+  return static_cast<float>(value);
+}
+
+float RuntimeDeviceControls::sanitizedGain(double wide) {
+  const float gain = narrowedToFloat(wide);
   if (!std::isfinite(gain)) return 1.0f;
-  if (gain <= 0.0f) return 0.0f;
-  if (gain > 2.0f) return 2.0f;
+  constexpr auto minimum = static_cast<float>(Limits::minimumGain);
+  constexpr auto maximum = static_cast<float>(Limits::maximumGain);
+  if (gain <= minimum) return minimum;  // −0.0 too
+  if (gain > maximum) return maximum;
   return gain;
 }
 
@@ -59,7 +111,7 @@ Json floatToJSON(float value) {
 }
 
 float readFloat32(const Json& value, const std::string& path) {
-  return static_cast<float>(readFloat(value, path));
+  return narrowedToFloat(readFloat(value, path));
 }
 
 Json routeToJSON(const RuntimeChannelRoute& route) {

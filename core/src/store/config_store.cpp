@@ -1,5 +1,8 @@
 #include "brisola/store/config_store.hpp"
 
+#include <cctype>
+#include <chrono>
+
 #include "brisola/model/json_coding.hpp"
 #include "brisola/platform/uuid.hpp"
 
@@ -115,27 +118,90 @@ ConfigSnapshot ConfigStore::loadOrCreateEmpty() const {
   return empty;
 }
 
+namespace {
+
+// ".config.json.<UUID>.tmp": only names of this form, for this document, are ever removed.
+bool isTemporaryName(std::string_view name, std::string_view documentName) {
+  constexpr std::string_view suffix = ".tmp";
+  constexpr std::size_t uuidLength = 36;
+  if (name.size() != 1 + documentName.size() + 1 + uuidLength + suffix.size()) return false;
+  if (name[0] != '.' || name.substr(1, documentName.size()) != documentName) return false;
+  name.remove_prefix(1 + documentName.size());
+  if (name[0] != '.' || !name.ends_with(suffix)) return false;
+  const std::string_view uuid = name.substr(1, uuidLength);
+  for (std::size_t i = 0; i < uuid.size(); ++i) {
+    const char c = uuid[i];
+    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+    if (dash ? c != '-' : !std::isxdigit(static_cast<unsigned char>(c))) return false;
+  }
+  return true;
+}
+
+// A save never makes a directory: one of that name is someone else's, and removing it would
+// remove all it holds.
+bool isDirectory(const FileManager& fileManager, const fs::path& path) {
+  try {
+    fileManager.contentsOfDirectory(path);
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+void removeQuietly(const FileManager& fileManager, const fs::path& path) {
+  try {
+    fileManager.removeItem(path);
+  } catch (const std::exception&) {
+  }
+}
+
+}  // namespace
+
 void ConfigStore::save(const ConfigSnapshot& snapshot) const {
   fs::path directory = url_.parent_path();
   if (!directory.empty()) fileManager_->createDirectory(directory, true);
   std::string bytes = encodeJSON(snapshot);
   fs::path temporary =
       directory / ("." + url_.filename().string() + "." + makeUUIDString() + ".tmp");
+  const bool replacing = fileManager_->fileExists(url_);
+  bool whole = false;
   try {
     fileManager_->write(temporary, bytes);
+    whole = true;
+    if (replacing) {
+      fileManager_->replaceItem(url_, temporary);
+    } else {
+      fileManager_->moveItem(temporary, url_);
+    }
   } catch (...) {
-    // A partly written temporary file is of no use to anyone.
-    try {
-      fileManager_->removeItem(temporary);
-    } catch (const std::exception&) {
+    // Nothing reads a temporary file, so it is only worth keeping when the document it was
+    // to replace has gone meanwhile: then it is the one whole copy left.
+    if (!whole || !replacing || fileManager_->fileExists(url_)) {
+      removeQuietly(*fileManager_, temporary);
     }
     throw;
   }
-  // A failed final step leaves the complete temporary file behind; it is never read.
-  if (fileManager_->fileExists(url_)) {
-    fileManager_->replaceItem(url_, temporary);
-  } else {
-    fileManager_->moveItem(temporary, url_);
+  removeAbandonedTemporaryFiles();
+}
+
+void ConfigStore::removeAbandonedTemporaryFiles() const {
+  // A save that is killed leaves its temporary file behind. One untouched for this long
+  // belongs to no running save (a save writes and renames in milliseconds); should a save
+  // stalled for longer lose its file, its rename fails and the document stays as it was.
+  constexpr auto abandonedAfter = std::chrono::minutes(10);
+  const fs::path directory = url_.parent_path().empty() ? fs::path(".") : url_.parent_path();
+  const std::string documentName = url_.filename().string();
+  try {
+    const auto cutoff = FileManager::Clock::now() - abandonedAfter;
+    for (const auto& name : fileManager_->contentsOfDirectory(directory)) {
+      if (!isTemporaryName(name, documentName)) continue;
+      const fs::path path = directory / name;
+      const auto modified = fileManager_->modificationDate(path);
+      if (!modified || *modified >= cutoff || isDirectory(*fileManager_, path)) continue;
+      removeQuietly(*fileManager_, path);
+    }
+  } catch (const std::exception&) {
+    // Tidying up is a courtesy: the document is saved whatever happens here.
   }
 }
 

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "brisola/model/limits.hpp"
 #include "brisola/platform/unicode.hpp"
 #include "brisola/validation/validation.hpp"
 #include "validation/canonical_key_index.hpp"
@@ -50,7 +51,7 @@ void assignElementPath(std::string& out, std::string_view base, std::string_view
 
 bool isInGainRange(double value) {
   // -0.0 compares equal to 0.0, so negative zero is in range.
-  return std::isfinite(value) && value >= 0.0 && value <= 2.0;
+  return std::isfinite(value) && value >= Limits::minimumGain && value <= Limits::maximumGain;
 }
 
 // A first character that is ASCII and not white space settles it without the Unicode scan.
@@ -294,7 +295,8 @@ void validate(const DeviceConfig& device, std::string_view path, DeviceIndexes& 
   }
   // Against the channel count as it stands, valid or not.
   validateChannelGains("device", device.channelGains, device.channelCount, path, builder);
-  if (device.channelCount % 2 != 0 || device.channelCount < 2 || device.channelCount > 64) {
+  if (device.channelCount % 2 != 0 || device.channelCount < Limits::minimumChannelCount ||
+      device.channelCount > Limits::maximumChannelCount) {
     builder.addError("device.invalidChannelCount",
                      "Channel count must be even and between 2 and 64.",
                      joined(path, ".channelCount"));

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "brisola/model/config.hpp"
+#include "brisola/model/limits.hpp"
 #include "brisola/platform/unique_fd.hpp"
 #include "brisola/runtime/runtime_controls.hpp"
 
@@ -47,10 +48,10 @@ class RuntimeControlStoreError : public std::runtime_error {
 namespace RuntimeControlStoreV3 {
 
 inline constexpr std::string_view sharedMemoryName = "/brisolaruntime3";
-inline constexpr std::size_t maximumDeviceCount = 16;
+inline constexpr std::size_t maximumDeviceCount = Limits::maximumDeviceCount;
 // Route entries per device slot (the route maps allow more per call; the block holds 128).
-inline constexpr std::size_t maximumRouteCount = 128;
-inline constexpr std::size_t maximumChannelCount = 64;
+inline constexpr std::size_t maximumRouteCount = Limits::maximumRouteCount;
+inline constexpr std::size_t maximumChannelCount = Limits::channelSlotCount;
 
 // Writes the first 16 records, creating the object when it does not exist. An existing object
 // that cannot be resized (EINVAL) is removed and written once more.
@@ -61,10 +62,7 @@ void publish(const std::vector<RuntimeDeviceControls>& controls);
 // one gives openFailed(ENOENT); a too small, foreign or torn one gives invalidState.
 std::vector<RuntimeDeviceControls> read();
 
-// One record per device of the document, at most 16, in document order. Pure.
-std::vector<RuntimeDeviceControls> controls(const ConfigSnapshot& snapshot);
-
-// publish(controls(snapshot)).
+// publish(RuntimeDeviceControls::forDocument(snapshot)).
 void publish(const ConfigSnapshot& snapshot);
 
 }  // namespace RuntimeControlStoreV3

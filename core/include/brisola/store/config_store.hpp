@@ -67,7 +67,10 @@ class ConfigStore {
   // exists but cannot be read or decoded is never overwritten.
   ConfigSnapshot loadOrCreateEmpty() const;
   // Writes a complete, flushed temporary file beside the document and renames it over the
-  // document. On failure the old document is intact.
+  // document. On failure the old document is intact and the temporary file is removed (kept
+  // only when the document vanished meanwhile, as its one whole copy). A successful save also
+  // removes this document's temporary files that saves killed midway left behind (untouched
+  // for ten minutes).
   void save(const ConfigSnapshot& snapshot) const;
 
   const std::filesystem::path& url() const { return url_; }
@@ -75,6 +78,7 @@ class ConfigStore {
   const ConfigValidator& validator() const { return validator_; }
 
  private:
+  void removeAbandonedTemporaryFiles() const;
   static void migrateLegacyDataDirectoryIfNeeded(const std::filesystem::path& base,
                                                  const FileManager& fileManager);
 

@@ -1,4 +1,4 @@
-#include "service/service_log.hpp"
+#include "common/service_log.hpp"
 
 #include <cstdio>
 
