@@ -45,11 +45,12 @@ TEST_F(CtlSharedStateTest, ControlsAreTheLastPublishedRecords) {
 // A producer's meter object with constant levels, removed with the test.
 struct StillMeter {
   // By default the output meter of the device with this UID.
-  std::string uid = "brisola.test.ctl." + std::to_string(::getpid());
+  static std::string defaultUID() { return "brisola.test.ctl." + std::to_string(::getpid()); }
+  std::string uid = defaultUID();
   std::string owner;
   ShmObject object{RuntimeMeterStore::objectName(owner), 4096};
 
-  StillMeter() : StillMeter(RuntimeMeterStore::outputOwnerID(uid)) {}
+  StillMeter() : StillMeter(RuntimeMeterStore::outputOwnerID(defaultUID())) {}
   explicit StillMeter(std::string ownerID) : owner(std::move(ownerID)) {
     const std::vector<std::uint32_t> header{0x53544D4B, 2, 4096, 2, 2};
     for (std::size_t i = 0; i < header.size(); ++i) object.setU32(4 * i, header[i]);
