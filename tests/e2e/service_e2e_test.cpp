@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -229,6 +230,19 @@ bool alive(pid_t pid) {
 
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {
   return testing::eventually(condition, limit, 20ms);
+}
+
+// FIFOs as the document and as the hardware file used to block the service in open() for ever,
+// deaf to SIGTERM. Now each cycle fails at once, and a stop ends the service.
+TEST_F(ServiceProcess, FifoDocumentFailsEachCycleAndAStopIsHeard) {
+  fs::remove(dir_ / "hardware.json");
+  ASSERT_EQ(::mkfifo((dir_ / "config.json").c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo((dir_ / "hardware.json").c_str(), 0600), 0);
+  auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
+  EXPECT_TRUE(service->waitForOutput("Reconcile failed: ", 5s, 3)) << service->standardOutput();
+  service->signal(SIGTERM);
+  EXPECT_EQ(service->waitFor(10s), 0);
+  EXPECT_THAT(service->standardOutput(), HasSubstr("not a regular file"));
 }
 
 // Another local user truncates and removes the control block again and again while the service
