@@ -5,6 +5,7 @@
 #include <atomic>
 #include <bit>
 #include <functional>
+#include <limits>
 #include <random>
 #include <thread>
 
@@ -106,6 +107,14 @@ TEST(MeterStore, ReadingsOfBothLayoutVersionsAndNothingFromHostileObjects) {
               expected ? std::optional(expected->levels) : std::nullopt);
     EXPECT_EQ(testing::openDescriptorCount(), descriptors);
   }
+
+  const std::string owner = uniqueOwner("nonfinite");
+  ShmObject object(RuntimeMeterStore::objectName(owner), 4096);
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float inf = std::numeric_limits<float>::infinity();
+  MeterImage{.channelCount = 3, .levels = {nan, inf, 0.5f}, .peaks = {-inf, 0.25f, nan}}.writeTo(
+      object);
+  EXPECT_EQ(RuntimeMeterStore::reading(owner), (Reading{{0, 0, 0.5}, {0, 0.25, 0}}));
 }
 
 // A producer in the manner of another process writes two readings in turn with the sequence

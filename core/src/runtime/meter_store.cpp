@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <system_error>
 
@@ -56,17 +57,22 @@ std::optional<Reading> readBlock(const SharedBytes& block) {
            words::getU32(copy.data(), sizeOffset) == objectSize;
   });
   if (!consistent) return std::nullopt;
+  // A value that is not finite is no level anyone can show (or write as JSON): it reads as 0.
+  auto value = [&](std::size_t offset) -> double {
+    const float level = words::getF32(copy.data(), offset);
+    return std::isfinite(level) ? level : 0.0;
+  };
   Reading reading;
   reading.levels.reserve(count);
   for (std::size_t k = 0; k < count; ++k) {
-    reading.levels.push_back(words::getF32(copy.data(), levelsOffset + 4 * k));
+    reading.levels.push_back(value(levelsOffset + 4 * k));
   }
   if (version == 1) {
     reading.peaks = reading.levels;
   } else {
     reading.peaks.reserve(count);
     for (std::size_t k = 0; k < count; ++k) {
-      reading.peaks.push_back(words::getF32(copy.data(), peaksOffset + 4 * k));
+      reading.peaks.push_back(value(peaksOffset + 4 * k));
     }
   }
   return reading;

@@ -45,6 +45,7 @@ std::string objectName(std::string_view ownerID);
 
 // The owner's current levels and peaks; nothing when the object is missing, too small,
 // foreign, or in the middle of an update through every attempt. Never throws for bad objects.
+// A level or peak that is not finite (NaN, infinity) reads as 0.
 std::optional<Reading> reading(std::string_view ownerID);
 std::optional<std::vector<double>> levels(std::string_view ownerID);
 
