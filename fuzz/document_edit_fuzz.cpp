@@ -51,20 +51,50 @@ void edit(FuzzedDataProvider& in, ConfigSnapshot& document) {
   const auto count = in.ConsumeIntegral<std::int64_t>();
   const double gain = in.ConsumeFloatingPoint<double>();
   switch (in.ConsumeIntegralInRange<int>(0, 13)) {
-    case 0: E::renameDevice(device, in.ConsumeRandomLengthString(16), document); break;
-    case 1: E::setDeviceChannelCount(device, count, document); break;
-    case 2: E::setDeviceChannelGain(device, count, gain, document); break;
-    case 3: E::deleteDevice(device, document); break;
-    case 4: E::setSourceControls(device, source, in.ConsumeBool(), in.ConsumeBool(), gain, document); break;
-    case 5: E::setSourceChannelGain(device, source, count, gain, document); break;
-    case 6: E::setMonitorControls(device, monitor, in.ConsumeBool(), in.ConsumeBool(), gain, document); break;
-    case 7: E::setMonitorChannelGain(device, monitor, count, gain, document); break;
-    case 8: E::connectWire(device, endpoint(in, source), endpoint(in, device), document); break;
-    case 9: E::deleteWire(device, found ? pickID(in, found->wires) : "", document); break;
-    case 10: E::addVirtualDeviceSource(device, pickDevice(in, document), document, [] { return std::string("id"); }); break;
-    case 11: E::prepareHardwareInputBenchmarkDevice(in.ConsumeRandomLengthString(8), "In", count, in.ConsumeIntegral<std::int64_t>(), document); break;
-    case 12: E::setDeviceVolume(device, gain, document); break;
-    default: E::selectDevice(device, document); break;
+    case 0:
+      E::renameDevice(device, in.ConsumeRandomLengthString(16), document);
+      break;
+    case 1:
+      E::setDeviceChannelCount(device, count, document);
+      break;
+    case 2:
+      E::setDeviceChannelGain(device, count, gain, document);
+      break;
+    case 3:
+      E::deleteDevice(device, document);
+      break;
+    case 4:
+      E::setSourceControls(device, source, in.ConsumeBool(), in.ConsumeBool(), gain, document);
+      break;
+    case 5:
+      E::setSourceChannelGain(device, source, count, gain, document);
+      break;
+    case 6:
+      E::setMonitorControls(device, monitor, in.ConsumeBool(), in.ConsumeBool(), gain, document);
+      break;
+    case 7:
+      E::setMonitorChannelGain(device, monitor, count, gain, document);
+      break;
+    case 8:
+      E::connectWire(device, endpoint(in, source), endpoint(in, device), document);
+      break;
+    case 9:
+      E::deleteWire(device, found ? pickID(in, found->wires) : "", document);
+      break;
+    case 10:
+      E::addVirtualDeviceSource(device, pickDevice(in, document), document,
+                                [] { return std::string("id"); });
+      break;
+    case 11:
+      E::prepareHardwareInputBenchmarkDevice(in.ConsumeRandomLengthString(8), "In", count,
+                                             in.ConsumeIntegral<std::int64_t>(), document);
+      break;
+    case 12:
+      E::setDeviceVolume(device, gain, document);
+      break;
+    default:
+      E::selectDevice(device, document);
+      break;
   }
 }
 
