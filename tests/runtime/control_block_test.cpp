@@ -4,13 +4,10 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <cmath>
 #include <functional>
 #include <map>
-#include <random>
-#include <thread>
 #include <tuple>
 
 #include "runtime/control_block.hpp"
@@ -362,38 +359,6 @@ TEST(ControlBlock, AReaderNeverAcceptsATornUpdate) {
     testing::expectNoTornReads([&](long n) { store::writeBlock(*block, n % 2 ? a : b); },
                                [&] { return store::readBlock(*block); }, a, b);
   }
-}
-
-// Another user truncates and removes the object while the writer publishes and a reader reads:
-// both only ever see errors, and the first publish after the storm is whole again.
-TEST(ControlBlock, ShrinkingOrRemovingTheObjectUnderWriterAndReaderKillsNeither) {
-  const std::string name = uniqueShmName("storm");
-  const std::vector records{sampleControls(1), sampleControls(2)};
-  store::publish(name.c_str(), records, posix);
-  std::atomic<bool> stop{false};
-  std::thread storm([&] {
-    std::minstd_rand random(3);
-    for (long n = 0; !stop; ++n) {
-      if (n % 50 == 0) ::shm_unlink(name.c_str());
-      UniqueFd fd(::shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0));
-      if (fd) static_cast<void>(::ftruncate(fd.get(), static_cast<off_t>(random() % 65537)));
-    }
-  });
-  int published = 0;
-  for (int n = 0; n < 3000; ++n) {
-    try {
-      store::publish(name.c_str(), records, posix);
-      ++published;
-      store::read(name.c_str(), posix);
-    } catch (const RuntimeControlStoreError&) {
-    }
-  }
-  stop = true;
-  storm.join();
-  EXPECT_GT(published, 0);
-  store::publish(name.c_str(), records, posix);
-  EXPECT_EQ(store::read(name.c_str(), posix), records);
-  ::shm_unlink(name.c_str());
 }
 
 }  // namespace
