@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // the end shows under AddressSanitizer; then padded with zeros to a full control block, so
   // short inputs reach the accepting paths too.
   std::vector<std::uint32_t> words(size / 4);
-  std::memcpy(words.data(), data, words.size() * 4);
+  if (!words.empty()) std::memcpy(words.data(), data, words.size() * 4);
   readBoth(words);
   words.resize(std::max<std::size_t>(words.size(), 65536 / 4));
   readBoth(words);
