@@ -4,7 +4,8 @@ set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config nlohmann-json3-dev libicu-dev uuid-dev
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev clang-format
-          libpipewire-0.3-dev pipewire pipewire-bin wireplumber dbus libsimdjson-dev)
+          libpipewire-0.3-dev pipewire pipewire-bin wireplumber dbus libsimdjson-dev
+          clang libclang-rt-14-dev)  # the last two: libFuzzer for scripts/fuzz.sh
 
 missing=()
 for package in "${packages[@]}"; do

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs the whole test suite: formatting check, the release build with warnings as errors,
-# then the suite again under AddressSanitizer and UndefinedBehaviorSanitizer, and the runtime
-# tests under ThreadSanitizer.
+# then the suite again under AddressSanitizer and UndefinedBehaviorSanitizer, the runtime
+# tests under ThreadSanitizer, and a short run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -25,3 +25,6 @@ cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBRISOLA_WERROR=ON \
   -DBRISOLA_SANITIZE=thread >/dev/null
 cmake --build build-tsan -j "$(nproc)" --target runtime_tests runtime_shm_tests audio_tests
 ctest --test-dir build-tsan -L 'runtime|audio' --output-on-failure -j "$(nproc)"
+
+echo "== Fuzz targets (a few seconds each; scripts/fuzz.sh SECONDS for longer runs)"
+scripts/fuzz.sh 5

@@ -91,6 +91,16 @@ TEST_F(SimulatedHardwareTest, TheEnvironmentNamesTheFileAndEveryCallReadsItAfres
   EXPECT_THAT(Registry::applicationSourceCandidates(), IsEmpty());
 }
 
+// A hostile file used to make the registry name 2^32 channels (and loop for ever at the top).
+TEST_F(SimulatedHardwareTest, AbsurdChannelCountsAreBounded) {
+  ScopedEnvironment simulation(kVariable, file_.string());
+  writeFile(file_, R"({"devices": [{"objectID": 41, "uid": "Huge", "name": "Huge",
+      "inputStreams": [4294967295, 4294967295], "inputChannelNames": ["A"]}]})");
+  const auto inventory = CoreAudioDeviceRegistry::deviceInventory();
+  ASSERT_EQ(inventory.inputs.size(), 1u);
+  EXPECT_EQ(inventory.inputs[0].channelCount, CoreAudioDeviceRegistry::maximumChannelCount);
+}
+
 // Counts whole-file reads.
 class CountingFileManager : public FileManagerWrapper {
  public:

@@ -11,10 +11,12 @@
 
 #include <chrono>
 #include <fstream>
+#include <random>
 #include <regex>
 #include <thread>
 
 #include "brisola/model/json_coding.hpp"
+#include "brisola/platform/unique_fd.hpp"
 #include "support/documents.hpp"
 #include "support/process_runner.hpp"
 #include "support/system_helpers.hpp"
@@ -242,6 +244,70 @@ bool alive(pid_t pid) {
 
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {
   return testing::eventually(condition, limit, 20ms);
+}
+
+// FIFOs as the document and as the hardware file used to block the service in open() for ever,
+// deaf to SIGTERM. Now each cycle fails at once, and a stop ends the service.
+TEST_F(ServiceProcess, FifoDocumentFailsEachCycleAndAStopIsHeard) {
+  fs::remove(dir_ / "hardware.json");
+  ASSERT_EQ(::mkfifo((dir_ / "config.json").c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo((dir_ / "hardware.json").c_str(), 0600), 0);
+  auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
+  EXPECT_TRUE(service->waitForOutput("Reconcile failed: ", 5s, 3)) << service->standardOutput();
+  service->signal(SIGTERM);
+  EXPECT_EQ(service->waitFor(10s), 0);
+  EXPECT_THAT(service->standardOutput(), HasSubstr("not a regular file"));
+}
+
+// Another local user truncates and removes the control block again and again while the service
+// publishes every 10 ms and brisolactl reads it: neither is killed, and the block is whole again
+// once the storm is over.
+TEST_F(ServiceProcess, ControlBlockTruncationStormKillsNeitherServiceNorReaders) {
+  writeDocument(studioDocument());
+  auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.01"}});
+  ASSERT_TRUE(service->waitForOutput("Starting Brisola audio service", 5s));
+  std::atomic<bool> stop{false};
+  std::thread storm([&] {
+    std::minstd_rand random(11);
+    for (long n = 0; !stop; ++n) {
+      if (n % 100 == 0) ::shm_unlink("/brisolaruntime3");
+      UniqueFd fd(::shm_open("/brisolaruntime3", O_RDWR | O_CLOEXEC, 0));
+      if (fd) static_cast<void>(::ftruncate(fd.get(), static_cast<off_t>(random() % 65537)));
+    }
+  });
+  const auto ctl = testing::buildDirectory() / "tools" / "brisolactl";
+  auto controls = [&] {
+    return testing::runToCompletion(ctl, {"controls"}, environment({}), dir_.path());
+  };
+  for (int n = 0; n < 30; ++n) {
+    const auto reader = controls();
+    EXPECT_TRUE(reader.status >= 0 && reader.status <= 2) << reader.status << reader.err;
+  }
+  stop = true;
+  storm.join();
+  EXPECT_TRUE(eventually([&] { return controls().out.find("\"V1\"") != std::string::npos; }));
+  service->signal(SIGTERM);
+  EXPECT_EQ(service->waitFor(10s), 0) << service->standardOutput();
+}
+
+// A /dev/shm too small for the block (a private one, in a mount namespace of its own): every
+// cycle fails with a line that says why, and the service goes on.
+TEST_F(ServiceProcess, FullSharedMemoryFailsTheCycleNotTheService) {
+  if (testing::runToCompletion("/usr/bin/unshare", {"-m", "true"}, {}, dir_.path()).status != 0) {
+    GTEST_SKIP() << "no mount namespaces here";
+  }
+  writeDocument(studioDocument());
+  RunningProcess service(
+      "/usr/bin/unshare",
+      {"-m", "sh", "-c", "mount -t tmpfs -o size=32k tmpfs /dev/shm && exec \"$0\"",
+       servicePath().string()},
+      environment({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}}), dir_.path(), dir_.path());
+  const std::string line =
+      "Reconcile failed: Could not write Brisola runtime shared memory: errno 28 (No space left "
+      "on device).";
+  EXPECT_TRUE(service.waitForOutput(line, 10s, 3)) << service.standardOutput();
+  service.signal(SIGTERM);
+  EXPECT_EQ(service.waitFor(10s), 0);
 }
 
 TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {

@@ -39,6 +39,33 @@ TEST(ConfigEditorLookups, MissingElementsFailWithTheLookedUpIdAndChangeNothing) 
   }
 }
 
+// Counts far beyond any device, given or found in a hostile document, are refused before a
+// single wire or gain is built (they used to take minutes and gigabytes, or end in bad_alloc).
+TEST(ConfigEditorBounds, AbsurdChannelCountsAreRefusedBeforeAnythingIsBuilt) {
+  using E = ConfigEditError;
+  using Edit = std::function<void(ConfigSnapshot&)>;
+  ConfigSnapshot document = testing::richSnapshot();
+  document.devices.push_back(testing::stereoDevice("big", "Big"));
+  document.devices.back().channelCount = std::int64_t{1} << 53;
+  document.devices.push_back(document.devices.back());
+  document.devices.back().id = "big2";
+  const std::pair<Edit, E> rows[] = {
+      {[](auto& d) { Editor::setDeviceChannelCount("studio", 100000000, d); },
+       E::channelCountOutOfRange(100000000)},
+      {[](auto& d) { Editor::setDeviceChannelCount("studio", 4097, d); },
+       E::channelCountOutOfRange(4097)},
+      {[](auto& d) { Editor::setDeviceChannelGain("big", 1, 0.5, d); },
+       E::channelCountOutOfRange(std::int64_t{1} << 53)},
+      {[](auto& d) { Editor::addVirtualDeviceSource("big", "big2", d, [] { return "x"; }); },
+       E::channelCountOutOfRange(std::int64_t{1} << 53)},
+  };
+  for (const auto& [edit, expected] : rows) {
+    SCOPED_TRACE(expected.what());
+    expectRejected(document, edit, expected);
+  }
+  Editor::setDeviceChannelCount("studio", 4096, document);
+}
+
 TEST(ConfigEditorLookups, FirstElementWithTheIdIsTheOneChanged) {
   ConfigSnapshot document;
   document.devices = {testing::stereoDevice("dup", "First"),

@@ -203,6 +203,13 @@ TEST(ConfigJSON, ReadFailuresNameTheKeyPathAndTheProblem) {
        Kind::dataCorrupted, ""},
       {"invalid UTF-8", "{\"schemaVersion\":2,\"devices\":[],\"ui\":{\"appearance\":\"\xff\"}}",
        Kind::dataCorrupted, ""},
+      {"garbage after a NUL byte", std::string(R"({"schemaVersion":2,"devices":[]})") + '\0' + "x",
+       Kind::dataCorrupted, ""},
+      {"repeated key in an array element",
+       R"({"schemaVersion":2,"devices":[{"id":"a"},{"id":"b","name":"x","name":"y"}]})",
+       Kind::dataCorrupted, "devices[1].name"},
+      {"repeated top-level key", R"({"schemaVersion":2,"devices":[],"schemaVersion":2})",
+       Kind::dataCorrupted, "schemaVersion"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

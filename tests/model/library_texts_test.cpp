@@ -154,6 +154,8 @@ TEST(ErrorTexts, EveryErrorDescribesItselfInFull) {
       {Shm::openFailed(13).what(), "Could not open Brisola runtime shared memory: errno 13."},
       {Shm::resizeFailed(22).what(), "Could not size Brisola runtime shared memory: errno 22."},
       {Shm::mapFailed(12).what(), "Could not map Brisola runtime shared memory: errno 12."},
+      {Shm::writeFailed(28).what(),
+       "Could not write Brisola runtime shared memory: errno 28 (No space left on device)."},
       {Shm::invalidState().what(),
        "Brisola runtime shared memory did not contain a valid control state."},
       {decodingFailure(R"({"id":"w","from":{}})"),

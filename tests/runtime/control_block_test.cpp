@@ -1,9 +1,9 @@
 // The control block on private objects: byte layout, hostile contents, the failure of every
 // system call and torn updates. The fixed object name is exercised in the shm tests.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <cmath>
 #include <functional>
@@ -246,9 +246,17 @@ class FaultySystem : public SharedMemorySystem {
     if (error == kNegativeSize) info->st_size = -1;
     return result;
   }
-  void* map(std::size_t length, int protection, int fd) const override {
-    if (int error = next("map")) return errno = error, MAP_FAILED;
-    return SharedMemorySystem::map(length, protection, fd);
+  int reserve(int fd, off_t length) const override {
+    if (int error = next("reserve")) return error;
+    return SharedMemorySystem::reserve(fd, length);
+  }
+  ssize_t readAt(int fd, void* buffer, std::size_t count, off_t offset) const override {
+    if (int error = next("read")) return fail(error);
+    return SharedMemorySystem::readAt(fd, buffer, count, offset);
+  }
+  ssize_t writeAt(int fd, const void* buffer, std::size_t count, off_t offset) const override {
+    if (int error = next("write")) return fail(error);
+    return SharedMemorySystem::writeAt(fd, buffer, count, offset);
   }
 
  private:
@@ -288,17 +296,20 @@ TEST(ControlBlock, EverySystemCallFailureIsReportedAndClosesWhatWasOpened) {
       {"creation race lost", 0, {{"open", {ENOENT, EEXIST}}}, E::openFailed(EEXIST), 0},
       {"status fails", 65536, {{"status", {EIO}}}, E::invalidState(), 0},
       {"negative size", 65536, {{"status", {kNegativeSize}}}, E::invalidState(), 0},
-      {"map fails", 65536, {{"map", {ENOMEM}}}, E::mapFailed(ENOMEM), 0},
+      {"full /dev/shm", 65536, {{"reserve", {ENOSPC}}}, E::writeFailed(ENOSPC), 0},
+      {"write fails part-way", 65536, {{"write", {0, 0, 0, EFBIG}}}, E::writeFailed(EFBIG), 0},
       {"reader: open refused", 0, {{"open", {EACCES}}}, E::openFailed(EACCES), 0, true},
       {"reader: status fails", 0, {{"status", {EIO}}}, E::invalidState(), 0, true},
-      {"reader: map fails", 0, {{"map", {ENODEV}}}, E::mapFailed(ENODEV), 0, true},
+      {"reader: every copy fails", 0, {{"read", std::vector(8, EIO)}}, E::invalidState(), 0, true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     std::string name = uniqueShmName("faults");
     std::optional<ShmObject> existing;
     if (row.existingSize > 0) existing.emplace(name, row.existingSize);
-    if (row.reading) store::publish(name.c_str(), {}, posix);
+    // A complete earlier state, which only a write that failed part-way may spoil.
+    const bool earlierState = row.reading || row.existingSize == 65536;
+    if (earlierState) store::publish(name.c_str(), {sampleControls(2)}, posix);
     FaultySystem system;
     system.errors = row.errors;
     int descriptors = testing::openDescriptorCount();
@@ -313,6 +324,11 @@ TEST(ControlBlock, EverySystemCallFailureIsReportedAndClosesWhatWasOpened) {
     } catch (const RuntimeControlStoreError& error) {
       ASSERT_TRUE(row.error) << error.what();
       EXPECT_EQ(error, *row.error);
+      if (earlierState && !row.reading) {
+        EXPECT_EQ(readOrInvalid(name), row.errors.contains("write")
+                                           ? std::nullopt
+                                           : std::optional(std::vector{sampleControls(2)}));
+      }
     }
     EXPECT_EQ(testing::openDescriptorCount(), descriptors);
     EXPECT_EQ(system.unlinks, row.unlinks);
@@ -327,18 +343,22 @@ TEST(ControlBlock, EverySystemCallFailureIsReportedAndClosesWhatWasOpened) {
   EXPECT_EQ(system.truncates, 0);
 }
 
-// Two full states that differ in every slot. Under ThreadSanitizer this also shows the
-// protocol free of data races.
+// Two full states that differ in every slot, over memory (under ThreadSanitizer this shows the
+// protocol free of data races) and over a real object through its descriptor.
 TEST(ControlBlock, AReaderNeverAcceptsATornUpdate) {
-  void* address = ::mmap(nullptr, 65536, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(address, MAP_FAILED);
-  MappedRegion region(address, 65536);
   std::vector<RuntimeDeviceControls> a, b;
   for (int i = 0; i < 16; ++i) a.push_back(sampleControls(i, 8));
   for (int i = 0; i < 9; ++i) b.push_back(sampleControls(200 + i, 20));
-  store::writeBlock(region.data(), a);
-  testing::expectNoTornReads([&](long n) { store::writeBlock(region.data(), n % 2 ? a : b); },
-                             [&] { return store::readBlock(region.data()); }, a, b);
+  std::vector<std::uint32_t> memory(65536 / 4);
+  MemoryBytes inMemory(std::as_writable_bytes(std::span(memory)));
+  ShmObject object(uniqueShmName("torn"), 65536);
+  UniqueFd fd(::shm_open(object.name().c_str(), O_RDWR | O_CLOEXEC, 0));
+  DescriptorBytes onDescriptor(fd.get(), posix);
+  for (SharedBytes* block : std::initializer_list<SharedBytes*>{&inMemory, &onDescriptor}) {
+    store::writeBlock(*block, a);
+    testing::expectNoTornReads([&](long n) { store::writeBlock(*block, n % 2 ? a : b); },
+                               [&] { return store::readBlock(*block); }, a, b);
+  }
 }
 
 }  // namespace

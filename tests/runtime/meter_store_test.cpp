@@ -1,11 +1,16 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <bit>
 #include <functional>
+#include <limits>
+#include <random>
+#include <thread>
 
 #include "brisola/model/config.hpp"
+#include "brisola/platform/unique_fd.hpp"
 #include "brisola/runtime/meter_store.hpp"
 #include "runtime/meter_block.hpp"
 #include "shm_test_support.hpp"
@@ -102,12 +107,21 @@ TEST(MeterStore, ReadingsOfBothLayoutVersionsAndNothingFromHostileObjects) {
               expected ? std::optional(expected->levels) : std::nullopt);
     EXPECT_EQ(testing::openDescriptorCount(), descriptors);
   }
+
+  const std::string owner = uniqueOwner("nonfinite");
+  ShmObject object(RuntimeMeterStore::objectName(owner), 4096);
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float inf = std::numeric_limits<float>::infinity();
+  MeterImage{.channelCount = 3, .levels = {nan, inf, 0.5f}, .peaks = {-inf, 0.25f, nan}}.writeTo(
+      object);
+  EXPECT_EQ(RuntimeMeterStore::reading(owner), (Reading{{0, 0, 0.5}, {0, 0.25, 0}}));
 }
 
-// A producer writes two readings in turn with the sequence protocol (atomic word stores, as a
-// real producer in another process would).
+// A producer in the manner of another process writes two readings in turn with the sequence
+// protocol (atomic word stores into its mapping); the reader copies through its descriptor.
 TEST(MeterStore, AReaderNeverAcceptsATornReading) {
-  ShmObject object(testing::uniqueShmName("meter"), 4096);
+  const std::string owner = uniqueOwner("torn");
+  ShmObject object(RuntimeMeterStore::objectName(owner), 4096);
   auto word = [&](std::size_t offset) {
     return std::atomic_ref<std::uint32_t>(
         *reinterpret_cast<std::uint32_t*>(object.bytes() + offset));
@@ -123,13 +137,32 @@ TEST(MeterStore, AReaderNeverAcceptsATornReading) {
   };
   MeterImage{.channelCount = 64}.writeTo(object);
   publish(0.25f);
-  testing::expectNoTornReads(
-      [&](long n) { publish(n % 2 == 0 ? 0.75f : 0.25f); },
-      [&] {
-        return RuntimeMeterStore::readBlock(reinterpret_cast<const std::byte*>(object.bytes()));
-      },
-      Reading{std::vector<double>(64, 0.25), std::vector<double>(64, 0.5)},
-      Reading{std::vector<double>(64, 0.75), std::vector<double>(64, 1.5)});
+  testing::expectNoTornReads([&](long n) { publish(n % 2 == 0 ? 0.75f : 0.25f); },
+                             [&] { return RuntimeMeterStore::reading(owner); },
+                             Reading{std::vector<double>(64, 0.25), std::vector<double>(64, 0.5)},
+                             Reading{std::vector<double>(64, 0.75), std::vector<double>(64, 1.5)});
+}
+
+// The publisher keeps its object open for its whole life; another user shrinks it at random
+// while it publishes and a reader reads. Neither dies, and the next publish makes it whole.
+TEST(MeterStore, ShrinkingTheObjectUnderPublisherAndReaderKillsNeither) {
+  const std::string owner = uniqueOwner("storm");
+  MeterPublisher publisher(owner, 2);
+  const std::vector<float> levels{0.5f, 0.25f};
+  std::atomic<bool> stop{false};
+  std::thread storm([&] {
+    std::minstd_rand random(5);
+    UniqueFd fd(::shm_open(RuntimeMeterStore::objectName(owner).c_str(), O_RDWR | O_CLOEXEC, 0));
+    while (!stop) static_cast<void>(::ftruncate(fd.get(), static_cast<off_t>(random() % 4097)));
+  });
+  for (int n = 0; n < 20000; ++n) {
+    EXPECT_TRUE(publisher.publish(levels, levels));
+    static_cast<void>(RuntimeMeterStore::reading(owner));
+  }
+  stop = true;
+  storm.join();
+  ASSERT_TRUE(publisher.publish(levels, levels));
+  EXPECT_EQ(RuntimeMeterStore::reading(owner), (Reading{{0.5, 0.25}, {0.5, 0.25}}));
 }
 
 TEST(MeterTap, ReadingsGoStaleWhenTheyStopChanging) {

@@ -114,16 +114,14 @@ std::int64_t CoreAudioDeviceRegistry::channelCount(const HardwareLayer& layer, A
                                         i * AudioBufferListLayout::bufferStride +
                                         AudioBufferListLayout::numberChannelsOffset);
   }
-  return total;
+  return std::min(total, maximumChannelCount);
 }
 
 std::optional<std::vector<std::string>> CoreAudioDeviceRegistry::channelNames(
     const HardwareLayer& layer, AudioObjectID device, AudioObjectPropertyScope scope,
     std::int64_t channelCount) {
   if (channelCount < 1) return std::nullopt;
-  // Element numbers are 32-bit; no device has more channels than that.
-  const auto count = static_cast<std::uint32_t>(
-      std::min<std::int64_t>(channelCount, std::numeric_limits<std::uint32_t>::max()));
+  const auto count = static_cast<std::uint32_t>(std::min(channelCount, maximumChannelCount));
   std::vector<std::string> names(count);
   bool named = false;
   for (std::uint32_t channel = 1; channel <= count; ++channel) {

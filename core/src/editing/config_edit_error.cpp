@@ -54,4 +54,12 @@ ConfigEditError ConfigEditError::invalidWireDirection() {
           std::nullopt};
 }
 
+ConfigEditError ConfigEditError::channelCountOutOfRange(std::int64_t count) {
+  return {Case::channelCountOutOfRange,
+          "Channel count " + std::to_string(count) + " is out of range (at most " +
+              std::to_string(ConfigEditor::maximumChannelCount) + ").",
+          {},
+          std::nullopt};
+}
+
 }  // namespace brisola

@@ -45,6 +45,8 @@ DeviceConfig ConfigEditor::requireDevice(std::string_view deviceID, const Config
 std::optional<std::vector<double>> ConfigEditor::updatedChannelGains(
     const std::optional<std::vector<double>>& gains, std::int64_t channelCount,
     std::int64_t channel, double gain) {
+  if (channelCount > maximumChannelCount)
+    throw ConfigEditError::channelCountOutOfRange(channelCount);
   // A negative count gives an empty working list, which leaves absent gains absent.
   const auto count = static_cast<std::size_t>(std::max<std::int64_t>(channelCount, 0));
   std::vector<double> working = gains.value_or(std::vector<double>{});
@@ -82,6 +84,8 @@ DeviceConfig ConfigEditor::setDeviceEnabled(std::string_view deviceID, bool enab
 DeviceConfig ConfigEditor::setDeviceChannelCount(std::string_view deviceID,
                                                  std::int64_t channelCount, ConfigSnapshot& in) {
   DeviceConfig& device = editing::requireDeviceRef(deviceID, in);
+  if (channelCount > maximumChannelCount)
+    throw ConfigEditError::channelCountOutOfRange(channelCount);
   // Built aside and moved in, so the document is untouched if making the wires fails.
   DeviceConfig updated = device;
   updated.channelCount = channelCount;

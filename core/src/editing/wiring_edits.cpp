@@ -167,6 +167,7 @@ SourceConfig ConfigEditor::addVirtualDeviceSource(std::string_view deviceID,
                       .metadata = {.sourceDeviceID = std::string(sourceDeviceID)}};
   const std::int64_t wireCount =
       std::max<std::int64_t>(std::min(source.channelCount, device.channelCount), 1);
+  if (wireCount > maximumChannelCount) throw ConfigEditError::channelCountOutOfRange(wireCount);
   std::vector<Wire> wires;
   wires.reserve(static_cast<std::size_t>(wireCount));
   for (std::int64_t channel = 1; channel <= wireCount; ++channel) {

@@ -1,6 +1,8 @@
 #include "model/json_support.hpp"
 
 #include <cmath>
+#include <set>
+#include <vector>
 
 namespace brisola {
 
@@ -12,7 +14,8 @@ std::string describe(const std::string& path, const std::string& problem) {
 }  // namespace
 
 DecodingError::DecodingError(Kind kind, std::string path, std::string problem)
-    : std::runtime_error(kind == Kind::dataCorrupted
+    // Malformed text has no path, unless the parser knew where it was (a repeated key).
+    : std::runtime_error(kind == Kind::dataCorrupted && path.empty()
                              ? "The data is not valid JSON: " + problem + "."
                              : describe(path, problem)),
       kind_(kind),
@@ -147,9 +150,73 @@ void typeMismatch(const Json& value, const std::string& path, std::string_view e
        "expected " + std::string(expected) + ", found " + foundDescription(value));
 }
 
+namespace {
+
+// Follows the parser through the document so that a repeated key is refused with its path
+// (the library would silently keep the last one).
+class DuplicateKeyCheck {
+ public:
+  bool operator()(int, Json::parse_event_t event, const Json& parsed) {
+    switch (event) {
+      case Json::parse_event_t::object_start:
+        frames_.push_back({});
+        break;
+      case Json::parse_event_t::array_start:
+        frames_.push_back({.isArray = true});
+        break;
+      case Json::parse_event_t::key: {
+        Frame& frame = frames_.back();
+        frame.key = parsed.get_ref<const std::string&>();
+        if (!frame.keys.insert(frame.key).second) {
+          fail(DecodingError::Kind::dataCorrupted, path(), "the key appears more than once");
+        }
+        break;
+      }
+      case Json::parse_event_t::object_end:
+      case Json::parse_event_t::array_end:
+        frames_.pop_back();
+        nextElement();
+        break;
+      case Json::parse_event_t::value:
+        nextElement();
+        break;
+    }
+    return true;
+  }
+
+ private:
+  struct Frame {
+    bool isArray = false;
+    std::size_t index = 0;
+    std::string key;
+    std::set<std::string, std::less<>> keys;
+  };
+
+  void nextElement() {
+    if (!frames_.empty() && frames_.back().isArray) ++frames_.back().index;
+  }
+
+  std::string path() const {
+    std::string result;
+    for (const Frame& frame : frames_) {
+      result = frame.isArray ? indexPath(result, frame.index) : childPath(result, frame.key);
+    }
+    return result;
+  }
+
+  std::vector<Frame> frames_;
+};
+
+}  // namespace
+
 Json parse(std::string_view bytes) {
+  // The parser would stop at a NUL byte and ignore the rest; a document is its whole file.
+  if (const auto nul = bytes.find('\0'); nul != std::string_view::npos) {
+    fail(DecodingError::Kind::dataCorrupted, "",
+         "a NUL byte at offset " + std::to_string(nul) + " is not allowed");
+  }
   try {
-    return Json::parse(bytes.begin(), bytes.end());
+    return Json::parse(bytes.begin(), bytes.end(), DuplicateKeyCheck());
   } catch (const Json::exception& error) {
     // parse_error for malformed text, out_of_range for numbers beyond a double.
     fail(DecodingError::Kind::dataCorrupted, "", parseProblem(error.what()));

@@ -26,6 +26,11 @@ namespace {
   throw fs::filesystem_error(what, from, to, std::error_code(error, std::generic_category()));
 }
 
+[[noreturn]] void tooLarge(const fs::path& path) {
+  throw fs::filesystem_error("Could not read file: larger than 64 MiB", path,
+                             std::make_error_code(std::errc::file_too_large));
+}
+
 UniqueFd openChecked(const fs::path& path, int flags, const char* what, mode_t mode = 0) {
   int fd;
   do {
@@ -115,10 +120,14 @@ class PosixFileManager final : public FileManager {
   }
 
   std::string contents(const fs::path& path) const override {
-    UniqueFd fd = openChecked(path, O_RDONLY, "Could not open file");
+    // Without blocking: opening a FIFO for reading would otherwise wait for a writer for ever.
+    UniqueFd fd = openChecked(path, O_RDONLY | O_NONBLOCK, "Could not open file");
     struct stat info {};
     if (::fstat(fd.get(), &info) != 0) throwErrno("Could not read file", path);
     if (S_ISDIR(info.st_mode)) throwErrno("Could not read file", path, EISDIR);
+    // A FIFO, a socket or a device (a link to /dev/zero never ends) is no document.
+    if (!S_ISREG(info.st_mode)) throwErrno("Could not read file: not a regular file", path, EINVAL);
+    if (info.st_size > static_cast<off_t>(maximumFileSize)) tooLarge(path);
     std::string bytes;
     if (info.st_size > 0) bytes.reserve(static_cast<std::size_t>(info.st_size));
     char buffer[65536];
@@ -128,8 +137,17 @@ class PosixFileManager final : public FileManager {
       if (count < 0) throwErrno("Could not read file", path);
       if (count == 0) break;
       bytes.append(buffer, static_cast<std::size_t>(count));
+      // The file may grow while it is read.
+      if (bytes.size() > maximumFileSize) tooLarge(path);
     }
     return bytes;
+  }
+
+  std::error_code brokenLink(const fs::path& path) const override {
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0 || !S_ISLNK(info.st_mode)) return {};
+    if (::stat(path.c_str(), &info) == 0) return {};
+    return {errno, std::generic_category()};
   }
 
   std::unique_ptr<WritableFile> createWritableFile(const fs::path& path) const override {
@@ -138,7 +156,8 @@ class PosixFileManager final : public FileManager {
   }
 
   void createFile(const fs::path& path) const override {
-    openChecked(path, O_WRONLY | O_CREAT, "Could not create file", 0666);
+    // Without blocking: an existing FIFO would wait for a reader.
+    openChecked(path, O_WRONLY | O_CREAT | O_NONBLOCK, "Could not create file", 0666);
   }
 
   void createDirectory(const fs::path& path, bool intermediates) const override {

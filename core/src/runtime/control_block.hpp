@@ -57,13 +57,20 @@ inline constexpr std::size_t slotOffset(std::size_t index) {
   return headerSize + slotSize * index;
 }
 
+// The wire format, pinned: other processes read these bytes.
+static_assert(objectSize == 65536 && headerSize == 64 && slotSize == 2048);
+static_assert(magicOffset == 0 && versionOffset == 4 && sizeOffset == 8 && sequenceOffset == 12 &&
+              deviceCountOffset == 16 && unusedWordOffset == 20 && headerFieldsEnd == 24);
+static_assert(flagsOffset == 0 && channelCountOffset == 4 && deviceGainOffset == 8 &&
+              sourceGainOffset == 12 && routeCountOffset == 16 && uidOffset == 32 &&
+              nameOffset == 160 && iconOffset == 288 && channelGainsOffset == 320 &&
+              routesOffset == 576 && slotFieldsEnd == 1600);
+static_assert(uidOffset + uidCapacity == nameOffset && nameOffset + nameCapacity == iconOffset);
 static_assert(slotOffset(maximumDeviceCount) == 32832);
 static_assert(routesOffset + 8 * maximumRouteCount == slotFieldsEnd);
 static_assert(channelGainsOffset + 4 * maximumChannelCount == routesOffset);
 static_assert(iconOffset + iconCapacity == channelGainsOffset);
 }  // namespace layout
-
-inline constexpr int readAttempts = 4;
 
 struct OpenedObject {
   UniqueFd fd;
@@ -86,11 +93,12 @@ std::vector<RuntimeDeviceControls> read(const char* name, const SharedMemorySyst
 // bytes up to `capacity`.
 void writeString(std::string_view text, std::byte* base, std::size_t offset, std::size_t capacity);
 
-// The update protocol on a mapped block of layout::objectSize bytes: sequence made odd, header
-// and slots stored, sequence made even. At most 16 records are written.
-void writeBlock(std::byte* block, std::span<const RuntimeDeviceControls> controls);
+// The update protocol on an object of layout::objectSize bytes: sequence made odd, header and
+// slots stored, sequence made even. At most 16 records are written. A write that fails throws
+// writeFailed and leaves the sequence odd until the next complete update.
+void writeBlock(SharedBytes& block, std::span<const RuntimeDeviceControls> controls);
 
 // Up to four attempts at a consistent copy; nothing when none succeeds.
-std::optional<std::vector<RuntimeDeviceControls>> readBlock(const std::byte* block);
+std::optional<std::vector<RuntimeDeviceControls>> readBlock(const SharedBytes& block);
 
 }  // namespace brisola::RuntimeControlStoreV3

@@ -28,6 +28,10 @@ std::string describe(RuntimeControlStoreError::Case errorCase, int error) {
       return withErrno("Could not size Brisola runtime shared memory");
     case RuntimeControlStoreError::Case::mapFailed:
       return withErrno("Could not map Brisola runtime shared memory");
+    case RuntimeControlStoreError::Case::writeFailed:
+      // The errno alone says little to whoever reads the service's log.
+      return "Could not write Brisola runtime shared memory: errno " + std::to_string(error) +
+             " (" + std::strerror(error) + ").";
     case RuntimeControlStoreError::Case::invalidState:
       break;
   }
@@ -50,6 +54,9 @@ RuntimeControlStoreError RuntimeControlStoreError::mapFailed(int error) {
 }
 RuntimeControlStoreError RuntimeControlStoreError::invalidState() {
   return {Case::invalidState, 0};
+}
+RuntimeControlStoreError RuntimeControlStoreError::writeFailed(int error) {
+  return {Case::writeFailed, error};
 }
 
 namespace RuntimeControlStoreV3 {
@@ -142,63 +149,82 @@ void writeString(std::string_view text, std::byte* base, std::size_t offset, std
   std::memset(base + offset + text.size(), 0, capacity - text.size());
 }
 
-void writeBlock(std::byte* block, std::span<const RuntimeDeviceControls> controls) {
-  std::size_t count = std::min(controls.size(), maximumDeviceCount);
-  // The only writer: nobody else changes the sequence under us.
-  std::uint32_t sequence = (words::load(block, sequenceOffset) + 1) | 1;
+namespace {
 
-  words::store(block, magicOffset, magic);
-  words::store(block, versionOffset, version);
-  words::store(block, sizeOffset, static_cast<std::uint32_t>(objectSize));
-  words::store(block, sequenceOffset, sequence);
-  words::store(block, deviceCountOffset, static_cast<std::uint32_t>(count));
-  words::store(block, unusedWordOffset, 0);
+void put(SharedBytes& block, std::size_t offset, const std::byte* bytes, std::size_t count) {
+  if (const int error = block.write(offset, bytes, count); error != 0) {
+    throw RuntimeControlStoreError::writeFailed(error);
+  }
+}
+
+void putWord(SharedBytes& block, std::size_t offset, std::uint32_t value) {
+  std::byte bytes[4];
+  words::putU32(bytes, 0, value);
+  put(block, offset, bytes, sizeof bytes);
+}
+
+}  // namespace
+
+void writeBlock(SharedBytes& block, std::span<const RuntimeDeviceControls> controls) {
+  std::size_t count = std::min(controls.size(), maximumDeviceCount);
+  // The only writer: nobody else changes the sequence under us. A shrunk object reads as zero.
+  std::uint32_t sequence = (SequenceWord::load(block, sequenceOffset).value_or(0) + 1) | 1;
+
+  std::array<std::byte, headerFieldsEnd> header;
+  words::putU32(header.data(), magicOffset, magic);
+  words::putU32(header.data(), versionOffset, version);
+  words::putU32(header.data(), sizeOffset, static_cast<std::uint32_t>(objectSize));
+  words::putU32(header.data(), sequenceOffset, sequence);
+  words::putU32(header.data(), deviceCountOffset, static_cast<std::uint32_t>(count));
+  words::putU32(header.data(), unusedWordOffset, 0);
+  // Magic, version, size and the odd sequence, then (ordered after it) everything else.
+  put(block, 0, header.data(), deviceCountOffset);
+  SequenceWord::fence();
+  put(block, deviceCountOffset, header.data() + deviceCountOffset,
+      headerFieldsEnd - deviceCountOffset);
 
   SlotImage image;
   for (std::size_t i = 0; i < maximumDeviceCount; ++i) {
-    std::byte* slot = block + slotOffset(i);
+    const std::size_t slot = slotOffset(i);
     if (i >= count) {
-      words::store(slot, flagsOffset, 0);
+      putWord(block, slot + flagsOffset, 0);
       continue;
     }
     fillSlot(image, controls[i]);
     // Values and counts first, then texts, gains and routes (contiguous), the flags last.
-    words::copyIn(slot + channelCountOffset, image.data() + channelCountOffset,
-                  routeCountOffset + 4 - channelCountOffset);
-    words::copyIn(slot + uidOffset, image.data() + uidOffset, slotFieldsEnd - uidOffset);
-    words::store(slot, flagsOffset, words::getU32(image.data(), flagsOffset));
+    put(block, slot + channelCountOffset, image.data() + channelCountOffset,
+        routeCountOffset + 4 - channelCountOffset);
+    put(block, slot + uidOffset, image.data() + uidOffset, slotFieldsEnd - uidOffset);
+    put(block, slot + flagsOffset, image.data() + flagsOffset, 4);
   }
 
-  words::store(block, sequenceOffset, sequence + 1);
+  SequenceWord::fence();
+  putWord(block, sequenceOffset, sequence + 1);
 }
 
-std::optional<std::vector<RuntimeDeviceControls>> readBlock(const std::byte* block) {
+std::optional<std::vector<RuntimeDeviceControls>> readBlock(const SharedBytes& block) {
   std::array<std::byte, headerFieldsEnd> header;
-  std::vector<std::byte> slots(maximumDeviceCount * slotFieldsEnd);
-  for (int attempt = 0; attempt < readAttempts; ++attempt) {
-    std::uint32_t before = words::load(block, sequenceOffset);
-    words::copyOut(header.data(), block, header.size());
-    std::size_t count =
+  std::vector<std::byte> slots(maximumDeviceCount * slotSize);
+  std::size_t count = 0;
+  const bool consistent = SequenceWord::readConsistently(block, sequenceOffset, [&] {
+    if (!block.read(0, header.data(), header.size())) return false;
+    count =
         std::min<std::size_t>(words::getU32(header.data(), deviceCountOffset), maximumDeviceCount);
-    for (std::size_t i = 0; i < count; ++i) {
-      words::copyOut(slots.data() + i * slotFieldsEnd, block + slotOffset(i), slotFieldsEnd);
-    }
-    std::uint32_t after = words::load(block, sequenceOffset);
-    if (before != after || before % 2 != 0 || words::getU32(header.data(), magicOffset) != magic ||
-        words::getU32(header.data(), versionOffset) != version ||
-        words::getU32(header.data(), sizeOffset) != objectSize) {
-      continue;
-    }
-    // The copy is consistent; records are built from it, not from the live block.
-    std::vector<RuntimeDeviceControls> records;
-    records.reserve(count);
-    for (std::size_t i = 0; i < count; ++i) {
-      const std::byte* slot = slots.data() + i * slotFieldsEnd;
-      if ((words::getU32(slot, flagsOffset) & inUseFlag) != 0) records.push_back(recordOf(slot));
-    }
-    return records;
+    // The slots below the count in one piece (the bytes between their fields are never used).
+    return block.read(headerSize, slots.data(), slotSize * count) &&
+           words::getU32(header.data(), magicOffset) == magic &&
+           words::getU32(header.data(), versionOffset) == version &&
+           words::getU32(header.data(), sizeOffset) == objectSize;
+  });
+  if (!consistent) return std::nullopt;
+  // The copy is consistent; records are built from it, not from the live block.
+  std::vector<RuntimeDeviceControls> records;
+  records.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::byte* slot = slots.data() + i * slotSize;
+    if ((words::getU32(slot, flagsOffset) & inUseFlag) != 0) records.push_back(recordOf(slot));
   }
-  return std::nullopt;
+  return records;
 }
 
 OpenedObject openSharedMemory(const char* name, std::uint16_t mode,
@@ -229,10 +255,14 @@ void write(const char* name, const std::vector<RuntimeDeviceControls>& controls,
   if (info.st_size < size && system.truncate(fd, size) != 0) {
     throw RuntimeControlStoreError::resizeFailed(errno);
   }
-  void* address = system.map(objectSize, PROT_READ | PROT_WRITE, fd);
-  if (address == MAP_FAILED) throw RuntimeControlStoreError::mapFailed(errno);
-  MappedRegion region(address, objectSize);
-  writeBlock(region.data(), controls);
+  // Pages reserved before the sequence turns odd: a full /dev/shm fails here, and readers keep
+  // the last complete update. (Someone may still shrink the object later; the writes then
+  // extend it again, or fail with the sequence left odd.)
+  if (const int error = system.reserve(fd, size); error != 0) {
+    throw RuntimeControlStoreError::writeFailed(error);
+  }
+  DescriptorBytes block(fd, system);
+  writeBlock(block, controls);
 }
 
 void publish(const char* name, const std::vector<RuntimeDeviceControls>& controls,
@@ -255,10 +285,7 @@ std::vector<RuntimeDeviceControls> read(const char* name, const SharedMemorySyst
   if (system.status(fd, &info) != 0 || info.st_size < static_cast<off_t>(objectSize)) {
     throw RuntimeControlStoreError::invalidState();
   }
-  void* address = system.map(objectSize, PROT_READ, fd);
-  if (address == MAP_FAILED) throw RuntimeControlStoreError::mapFailed(errno);
-  MappedRegion region(address, objectSize);
-  auto records = readBlock(region.data());
+  auto records = readBlock(DescriptorBytes(fd, system));
   if (!records) throw RuntimeControlStoreError::invalidState();
   return std::move(*records);
 }

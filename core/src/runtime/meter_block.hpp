@@ -24,13 +24,16 @@ inline constexpr std::size_t channelCountOffset = 16;
 inline constexpr std::size_t levelsOffset = 20;
 inline constexpr std::size_t peaksOffset = 276;
 inline constexpr std::size_t maximumChannelCount = Limits::channelSlotCount;
+inline constexpr std::size_t peaksEnd = peaksOffset + 4 * maximumChannelCount;
+// The wire format, pinned: producers in other processes write these bytes.
+static_assert(objectSize == 4096 && magicOffset == 0 && versionOffset == 4 && sizeOffset == 8 &&
+              sequenceOffset == 12 && channelCountOffset == 16 && levelsOffset == 20 &&
+              peaksOffset == 276 && peaksEnd == 532);
 static_assert(levelsOffset + 4 * maximumChannelCount == peaksOffset);
 }  // namespace meterLayout
 
-inline constexpr int readAttempts = 4;
-
-// Up to four attempts at a consistent copy of a mapped object of at least 4096 bytes.
-std::optional<Reading> readBlock(const std::byte* block);
+// Up to four attempts at a consistent copy of an object of at least 4096 bytes.
+std::optional<Reading> readBlock(const SharedBytes& block);
 
 // reading(ownerID:) for an object name, through the given calls.
 std::optional<Reading> readObject(const char* name, const SharedMemorySystem& system);

@@ -1,11 +1,11 @@
 #include "brisola/runtime/meter_store.hpp"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <system_error>
 
@@ -41,38 +41,41 @@ std::string objectName(std::string_view ownerID) {
   return name;
 }
 
-std::optional<Reading> readBlock(const std::byte* block) {
+std::optional<Reading> readBlock(const SharedBytes& block) {
   // Header words 0...4, then levels and peaks; only the first n of each are used.
-  std::array<std::byte, peaksOffset + 4 * maximumChannelCount> copy;
-  for (int attempt = 0; attempt < readAttempts; ++attempt) {
-    std::uint32_t before = words::load(block, sequenceOffset);
-    words::copyOut(copy.data(), block, levelsOffset);
-    std::uint32_t version = words::getU32(copy.data(), versionOffset);
-    std::size_t count =
+  std::array<std::byte, peaksEnd> copy;
+  std::uint32_t version = 0;
+  std::size_t count = 0;
+  const bool consistent = SequenceWord::readConsistently(block, sequenceOffset, [&] {
+    if (!block.read(0, copy.data(), levelsOffset)) return false;
+    version = words::getU32(copy.data(), versionOffset);
+    count =
         std::min<std::size_t>(words::getU32(copy.data(), channelCountOffset), maximumChannelCount);
-    words::copyOut(copy.data() + levelsOffset, block + levelsOffset, 4 * count);
-    if (version > 1) words::copyOut(copy.data() + peaksOffset, block + peaksOffset, 4 * count);
-    std::uint32_t after = words::load(block, sequenceOffset);
-    if (before != after || before % 2 != 0 || words::getU32(copy.data(), magicOffset) != magic ||
-        (version != 1 && version != 2) || words::getU32(copy.data(), sizeOffset) != objectSize) {
-      continue;
-    }
-    Reading reading;
-    reading.levels.reserve(count);
-    for (std::size_t k = 0; k < count; ++k) {
-      reading.levels.push_back(words::getF32(copy.data(), levelsOffset + 4 * k));
-    }
-    if (version == 1) {
-      reading.peaks = reading.levels;
-    } else {
-      reading.peaks.reserve(count);
-      for (std::size_t k = 0; k < count; ++k) {
-        reading.peaks.push_back(words::getF32(copy.data(), peaksOffset + 4 * k));
-      }
-    }
-    return reading;
+    const std::size_t end = version > 1 ? peaksOffset + 4 * count : levelsOffset + 4 * count;
+    return block.read(levelsOffset, copy.data() + levelsOffset, end - levelsOffset) &&
+           words::getU32(copy.data(), magicOffset) == magic && (version == 1 || version == 2) &&
+           words::getU32(copy.data(), sizeOffset) == objectSize;
+  });
+  if (!consistent) return std::nullopt;
+  // A value that is not finite is no level anyone can show (or write as JSON): it reads as 0.
+  auto value = [&](std::size_t offset) -> double {
+    const float level = words::getF32(copy.data(), offset);
+    return std::isfinite(level) ? level : 0.0;
+  };
+  Reading reading;
+  reading.levels.reserve(count);
+  for (std::size_t k = 0; k < count; ++k) {
+    reading.levels.push_back(value(levelsOffset + 4 * k));
   }
-  return std::nullopt;
+  if (version == 1) {
+    reading.peaks = reading.levels;
+  } else {
+    reading.peaks.reserve(count);
+    for (std::size_t k = 0; k < count; ++k) {
+      reading.peaks.push_back(value(peaksOffset + 4 * k));
+    }
+  }
+  return reading;
 }
 
 std::optional<Reading> readObject(const char* name, const SharedMemorySystem& system) {
@@ -83,10 +86,7 @@ std::optional<Reading> readObject(const char* name, const SharedMemorySystem& sy
   if (system.status(fd, &info) != 0 || info.st_size < static_cast<off_t>(objectSize)) {
     return std::nullopt;
   }
-  void* address = system.map(objectSize, PROT_READ, fd);
-  if (address == MAP_FAILED) return std::nullopt;
-  MappedRegion region(address, objectSize);
-  return readBlock(region.data());
+  return readBlock(DescriptorBytes(fd, system));
 }
 
 std::optional<Reading> reading(std::string_view ownerID) {
@@ -112,46 +112,51 @@ MeterPublisher::MeterPublisher(std::string_view ownerID, std::size_t channelCoun
   const auto& system = SharedMemorySystem::posix();
   // A stale object of an earlier run is replaced, never written half-known.
   system.unlink(name_.c_str());
-  UniqueFd fd(system.open(name_.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644));
-  if (!fd) throw std::system_error(errno, std::generic_category(), "Cannot create " + name_);
-  system.changeMode(fd.get(), 0644);
-  if (const int error = ::posix_fallocate(fd.get(), 0, objectSize); error != 0) {
-    system.unlink(name_.c_str());
-    throw std::system_error(error, std::generic_category(), "Cannot size " + name_);
-  }
-  void* address = system.map(objectSize, PROT_READ | PROT_WRITE, fd.get());
-  if (address == MAP_FAILED) {
+  fd_.reset(system.open(name_.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644));
+  if (!fd_) throw std::system_error(errno, std::generic_category(), "Cannot create " + name_);
+  system.changeMode(fd_.get(), 0644);
+  if (!publish({}, {})) {
     const int error = errno;
     system.unlink(name_.c_str());
-    throw std::system_error(error, std::generic_category(), "Cannot map " + name_);
+    throw std::system_error(error, std::generic_category(), "Cannot size or write " + name_);
   }
-  block_ = static_cast<std::byte*>(address);
-  namespace words = shared_words;
-  words::store(block_, sequenceOffset, 1);
-  words::store(block_, magicOffset, magic);
-  words::store(block_, versionOffset, 2);
-  words::store(block_, sizeOffset, objectSize);
-  words::store(block_, channelCountOffset, static_cast<std::uint32_t>(channelCount_));
-  words::store(block_, sequenceOffset, 2);
 }
 
 MeterPublisher::~MeterPublisher() {
-  ::munmap(block_, RuntimeMeterStore::meterLayout::objectSize);
   SharedMemorySystem::posix().unlink(name_.c_str());
 }
 
-void MeterPublisher::publish(std::span<const float> levels, std::span<const float> peaks) {
+bool MeterPublisher::publish(std::span<const float> levels, std::span<const float> peaks) {
   using namespace RuntimeMeterStore::meterLayout;
   namespace words = shared_words;
-  const std::uint32_t sequence = words::load(block_, sequenceOffset);
-  words::store(block_, sequenceOffset, sequence + 1);
+  // The whole image every time: whoever shrank the object took the header with it.
+  std::array<std::byte, peaksEnd> image{};
+  words::putU32(image.data(), magicOffset, magic);
+  words::putU32(image.data(), versionOffset, 2);
+  words::putU32(image.data(), sizeOffset, objectSize);
+  words::putU32(image.data(), sequenceOffset, sequence_ + 1);
+  words::putU32(image.data(), channelCountOffset, static_cast<std::uint32_t>(channelCount_));
   for (std::size_t k = 0; k < channelCount_; ++k) {
-    words::store(block_, levelsOffset + 4 * k,
-                 std::bit_cast<std::uint32_t>(k < levels.size() ? levels[k] : 0.0f));
-    words::store(block_, peaksOffset + 4 * k,
-                 std::bit_cast<std::uint32_t>(k < peaks.size() ? peaks[k] : 0.0f));
+    words::putF32(image.data(), levelsOffset + 4 * k, k < levels.size() ? levels[k] : 0.0f);
+    words::putF32(image.data(), peaksOffset + 4 * k, k < peaks.size() ? peaks[k] : 0.0f);
   }
-  words::store(block_, sequenceOffset, sequence + 2);
+  sequence_ += 2;
+  std::byte even[4];
+  words::putU32(even, 0, sequence_);
+  const auto& system = SharedMemorySystem::posix();
+  // Size and pages first: a shrunk object is readable again only at its full size, and a full
+  // /dev/shm fails here before the sequence turns odd.
+  int error = system.reserve(fd_.get(), objectSize);
+  DescriptorBytes block(fd_.get(), system);
+  if (error == 0) error = block.write(0, image.data(), channelCountOffset);
+  SequenceWord::fence();
+  if (error == 0)
+    error = block.write(channelCountOffset, image.data() + channelCountOffset,
+                        peaksEnd - channelCountOffset);
+  SequenceWord::fence();
+  if (error == 0) error = block.write(sequenceOffset, even, sizeof even);
+  errno = error;
+  return error == 0;
 }
 
 void MeterTap::update(const Readings& readings, double at) {

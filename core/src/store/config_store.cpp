@@ -95,7 +95,17 @@ void ConfigStore::migrateLegacyDataDirectoryIfNeeded(const fs::path& base,
 }
 
 ConfigSnapshot ConfigStore::load() const {
-  if (!fileManager_->fileExists(url_)) throw ConfigStoreError::missingConfig(url_);
+  if (!fileManager_->fileExists(url_)) {
+    // A link that leads nowhere is no missing document: creating one in its place would fail
+    // on every cycle.
+    if (const auto broken = fileManager_->brokenLink(url_)) {
+      throw fs::filesystem_error(broken == std::errc::too_many_symbolic_link_levels
+                                     ? "The document's path is a symbolic link loop"
+                                     : "The document's path is a dangling symbolic link",
+                                 url_, broken);
+    }
+    throw ConfigStoreError::missingConfig(url_);
+  }
   std::string bytes = fileManager_->contents(url_);
   return ConfigMigration::migrate(decodeJSON<ConfigSnapshot>(bytes));
 }

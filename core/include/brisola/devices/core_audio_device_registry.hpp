@@ -61,6 +61,10 @@ class CoreAudioDeviceRegistry {
   static bool passThruDeviceIsLoaded(const HardwareLayer& layer);
   static bool passThruDeviceIsLoaded();
 
+  // The most channels counted for a device in one scope: a hostile description (4294967295
+  // channels) would otherwise have the registry name billions of channels.
+  static constexpr std::int64_t maximumChannelCount = 4096;
+
   // Devices with input channels and devices with output channels, each list with the system
   // default first, then in file-browser order of names.
   static AudioDeviceInventory deviceInventory(const HardwareLayer& layer);

@@ -31,6 +31,7 @@ class ConfigEditError : public std::runtime_error {
     invalidWireEndpoint,
     nestedDeviceCycle,
     invalidWireDirection,
+    channelCountOutOfRange,
   };
 
   static ConfigEditError deviceNotFound(std::string identifier);
@@ -41,6 +42,8 @@ class ConfigEditError : public std::runtime_error {
   static ConfigEditError invalidWireEndpoint(WireEndpoint endpoint);
   static ConfigEditError nestedDeviceCycle(std::string identifier);
   static ConfigEditError invalidWireDirection();
+  // A channel count (given, or found in the document) that no edit builds channels for.
+  static ConfigEditError channelCountOutOfRange(std::int64_t count);
 
   Case errorCase() const { return case_; }
   // The identifier of the *NotFound cases and of nestedDeviceCycle; empty otherwise.
@@ -63,6 +66,10 @@ class ConfigEditError : public std::runtime_error {
 };
 
 namespace ConfigEditor {
+
+// The most channels an edit builds wires or gains for; more is refused before anything is
+// allocated (far above any device, far below what would take the memory).
+inline constexpr std::int64_t maximumChannelCount = 4096;
 
 // Fixed identifiers of the hardware-input benchmark device, so that the document holds at
 // most one and the same inputs always give the same device.

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 namespace brisola {
@@ -44,8 +45,17 @@ class FileManager {
   // True for a regular file (after links) that the current user may execute.
   virtual bool isExecutableFile(const std::filesystem::path& path) const = 0;
 
-  // The whole file. Throws when the path cannot be opened or read (a directory included).
+  // The largest file contents() reads: documents and hardware files are far smaller, and a
+  // bound keeps a hostile file from taking all memory.
+  static constexpr std::size_t maximumFileSize = 64 * 1024 * 1024;
+
+  // The whole regular file, at most maximumFileSize bytes. Throws when the path cannot be
+  // opened or read, is not a regular file (a directory, a FIFO, a device), or is larger.
+  // Never blocks on opening.
   virtual std::string contents(const std::filesystem::path& path) const = 0;
+  // For a symbolic link at the path that leads to no entry, why: ENOENT (it leads nowhere) or
+  // ELOOP (round in a loop). No error for anything else.
+  virtual std::error_code brokenLink(const std::filesystem::path& path) const = 0;
   // Creates or truncates the file.
   virtual std::unique_ptr<WritableFile> createWritableFile(
       const std::filesystem::path& path) const = 0;
@@ -96,6 +106,9 @@ class FileManagerWrapper : public FileManager {
   }
   std::string contents(const std::filesystem::path& path) const override {
     return target_->contents(path);
+  }
+  std::error_code brokenLink(const std::filesystem::path& path) const override {
+    return target_->brokenLink(path);
   }
   std::unique_ptr<WritableFile> createWritableFile(
       const std::filesystem::path& path) const override {

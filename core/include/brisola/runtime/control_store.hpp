@@ -5,7 +5,8 @@
 // plug-in reads them while audio runs. One writer, any number of lock-free readers; the
 // sequence word in the header is the only synchronisation between them.
 //
-// Nothing stays open or mapped between calls: every call opens, maps, copies, unmaps, closes.
+// Nothing stays open between calls: every call opens, copies through the descriptor (never a
+// mapping, so an object that someone shrinks cannot kill the caller), closes.
 
 #include <cstddef>
 #include <cstdint>
@@ -24,13 +25,17 @@ namespace brisola {
 
 class RuntimeControlStoreError : public std::runtime_error {
  public:
-  enum class Case { openFailed, resizeFailed, mapFailed, invalidState };
+  // mapFailed is kept for the front end's sake; the stores no longer map the object.
+  enum class Case { openFailed, resizeFailed, mapFailed, invalidState, writeFailed };
 
   // The payload is the errno of the failing call.
   static RuntimeControlStoreError openFailed(int error);
   static RuntimeControlStoreError resizeFailed(int error);
   static RuntimeControlStoreError mapFailed(int error);
   static RuntimeControlStoreError invalidState();
+  // Writing the block failed part-way (a full /dev/shm, a file-size limit); the sequence stays
+  // odd, so readers keep rejecting the object until the next complete update.
+  static RuntimeControlStoreError writeFailed(int error);
 
   Case errorCase() const { return case_; }
   // Zero for invalidState.

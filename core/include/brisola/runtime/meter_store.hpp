@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "brisola/platform/unique_fd.hpp"
+
 namespace brisola {
 
 namespace RuntimeMeterStore {
@@ -43,6 +45,7 @@ std::string objectName(std::string_view ownerID);
 
 // The owner's current levels and peaks; nothing when the object is missing, too small,
 // foreign, or in the middle of an update through every attempt. Never throws for bad objects.
+// A level or peak that is not finite (NaN, infinity) reads as 0.
 std::optional<Reading> reading(std::string_view ownerID);
 std::optional<std::vector<double>> levels(std::string_view ownerID);
 
@@ -60,13 +63,17 @@ class MeterPublisher {
   MeterPublisher(const MeterPublisher&) = delete;
   MeterPublisher& operator=(const MeterPublisher&) = delete;
 
-  // Linear amplitudes, one per channel; entries beyond the channel count are ignored.
-  void publish(std::span<const float> levels, std::span<const float> peaks);
+  // Linear amplitudes, one per channel; entries beyond the channel count are ignored. Rewrites
+  // the whole object through the descriptor kept open, so an object that someone shrank or
+  // emptied is whole again after the next publish. False (errno set) when a write failed, a
+  // full /dev/shm for example; readers then see no reading until a later publish succeeds.
+  bool publish(std::span<const float> levels, std::span<const float> peaks);
 
  private:
   std::string name_;
   std::size_t channelCount_;
-  std::byte* block_ = nullptr;
+  UniqueFd fd_;
+  std::uint32_t sequence_ = 0;
 };
 
 // {"levels": [...], "peaks": [...]}.
