@@ -82,13 +82,20 @@ void BrisolaService::runCycle() {
   } catch (const std::exception& error) {
     // Running helpers are left alone; the next cycle starts afresh.
     BrisolaServiceLog::write(std::string("Reconcile failed: ") + error.what());
+    failing_ = true;
     return;
   }
+  if (failing_)
+    BrisolaServiceLog::write("Reconcile works again: the document loads and is published");
+  failing_ = false;
   ports_.supervisor->reconcile(desiredRoutes(*snapshot));
 }
 
 void BrisolaService::runLoop(StopSignals& signals) {
   BrisolaServiceLog::write("Starting Brisola audio service");
+  BrisolaServiceLog::write("Document: " + store_.url().string());
+  BrisolaServiceLog::write("Hardware: " + HardwareBackend::currentSource());
+  BrisolaServiceLog::write("Helpers: " + helperPaths_.describe());
   while (!signals.stopRequested()) {
     runCycle();
     if (signals.sleep(settings_.pollInterval)) break;

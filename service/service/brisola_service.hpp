@@ -67,6 +67,7 @@ class BrisolaService {
   DocumentCache document_{store_};
   HelperPaths helperPaths_;
   ServicePorts ports_;
+  bool failing_ = false;  // the last cycle logged "Reconcile failed"
 };
 
 }  // namespace brisola

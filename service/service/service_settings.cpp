@@ -72,3 +72,15 @@ HelperPaths HelperPaths::resolve(const Settings& settings,
 }
 
 }  // namespace brisola
+
+namespace brisola {
+
+std::string HelperPaths::describe() const {
+  const auto directory = monitor.parent_path();
+  if (hardwareSource.parent_path() == directory && processTap.parent_path() == directory) {
+    return directory.string();
+  }
+  return monitor.string() + ", " + hardwareSource.string() + ", " + processTap.string();
+}
+
+}  // namespace brisola

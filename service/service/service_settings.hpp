@@ -34,6 +34,9 @@ struct HelperPaths {
   std::filesystem::path processTap;
   bool operator==(const HelperPaths&) const = default;
 
+  // Their directory when they share one, else the three paths; for people.
+  std::string describe() const;
+
   static constexpr std::string_view monitorName = "brisola-monitor";
   static constexpr std::string_view hardwareSourceName = "brisola-hardware-source";
   static constexpr std::string_view processTapName = "brisola-process-tap";

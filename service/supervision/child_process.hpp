@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <variant>
 
@@ -24,6 +25,8 @@ class ChildProcess {
   // The exit code after a normal exit, the signal number when a signal ended the child.
   // Meaningful only after isRunning() has returned false.
   virtual int terminationStatus() const = 0;
+  // The signal that ended the child, when one did (then also its terminationStatus()).
+  virtual std::optional<int> terminationSignal() const { return std::nullopt; }
   // Asks the child to end (SIGTERM); does not wait. Nothing happens once it has been reaped.
   virtual void terminate() = 0;
   // Ends the child for certain (SIGKILL); does not wait. Nothing happens once it has been reaped.

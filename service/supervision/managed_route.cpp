@@ -1,6 +1,7 @@
 #include "supervision/managed_route.hpp"
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <utility>
 
@@ -41,6 +42,12 @@ void ManagedRoute::ensureRunning(const EnvironmentMap& baseEnvironment) {
     if (process_->isRunning()) return;
     BrisolaServiceLog::write(route_.summary + " exited with status " +
                              std::to_string(process_->terminationStatus()));
+    // The status alone cannot tell "exit 9" from SIGKILL.
+    if (const auto signal = process_->terminationSignal()) {
+      const char* name = ::sigabbrev_np(*signal);
+      BrisolaServiceLog::write(route_.summary + " was ended by signal " + std::to_string(*signal) +
+                               (name != nullptr ? std::string(" (SIG") + name + ")" : ""));
+    }
     process_.reset();
     recordFailure(now);
   }

@@ -41,6 +41,7 @@ class PosixChildProcess final : public ChildProcess {
   pid_t pid() const override { return pid_; }
   bool isRunning() override { return !collect(); }
   int terminationStatus() const override { return status_; }
+  std::optional<int> terminationSignal() const override { return signal_; }
   void terminate() override { signal(SIGTERM); }
   void kill() override { signal(SIGKILL); }
 
@@ -62,6 +63,7 @@ class PosixChildProcess final : public ChildProcess {
     reaped_ = true;
     if (result == pid_) {
       status_ = WIFSIGNALED(raw) ? WTERMSIG(raw) : WEXITSTATUS(raw);
+      if (WIFSIGNALED(raw)) signal_ = WTERMSIG(raw);
     } else {
       // ECHILD: something else collected the child (SIGCHLD ignored, or a waitpid(-1)
       // elsewhere); it has ended but its status is lost.
@@ -73,6 +75,7 @@ class PosixChildProcess final : public ChildProcess {
   pid_t pid_;
   bool reaped_ = false;
   int status_ = 0;
+  std::optional<int> signal_;
 };
 
 // Hands the child's errno to the launcher and ends the child.

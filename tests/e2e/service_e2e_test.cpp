@@ -197,17 +197,30 @@ TEST_F(ServiceProcess, BrokenDocumentFailsEveryCycleWhileTheHeartbeatMoves) {
   auto firstBeat = fs::last_write_time(heartbeat);
   ASSERT_TRUE(service->waitForOutput("Reconcile failed: ", 5s, 5));
   EXPECT_GT(fs::last_write_time(heartbeat), firstBeat);
+  EXPECT_EQ(readFile(dir_ / "config.json"), "{\"schemaVersion\": 2}");
+  // Mended, it is said once.
+  writeDocument(ConfigSnapshot::empty());
+  ASSERT_TRUE(service->waitForOutput("Reconcile works again", 5s));
+  std::this_thread::sleep_for(200ms);
   service->signal(SIGTERM);
   ASSERT_EQ(service->waitFor(10s), 0);
 
+  // The start names what the service uses; then one failure line per cycle until mended.
   auto lines = messages(service->standardOutput());
-  ASSERT_GE(lines.size(), 7u);
-  EXPECT_EQ(lines.front(), "Starting Brisola audio service");
+  ASSERT_GE(lines.size(), 10u);
+  EXPECT_EQ(std::vector(lines.begin(), lines.begin() + 4),
+            (std::vector<std::string>{
+                "Starting Brisola audio service", "Document: " + (dir_ / "config.json").string(),
+                "Hardware: simulated, from " + (dir_ / "hardware.json").string(),
+                "Helpers: " + (dir_ / "helpers").string()}));
   EXPECT_EQ(lines.back(), "Stopped Brisola audio service");
-  for (std::size_t i = 1; i + 1 < lines.size(); ++i) {
-    EXPECT_EQ(lines[i], "Reconcile failed: Invalid JSON at devices: the required key is missing.");
+  const auto mended = std::find(lines.begin(), lines.end(),
+                                "Reconcile works again: the document loads and is published");
+  ASSERT_NE(mended, lines.end());
+  EXPECT_EQ(mended + 2, lines.end()) << "said more than once";
+  for (auto line = lines.begin() + 4; line != mended; ++line) {
+    EXPECT_EQ(*line, "Reconcile failed: Invalid JSON at devices: the required key is missing.");
   }
-  EXPECT_EQ(readFile(dir_ / "config.json"), "{\"schemaVersion\": 2}");
 }
 
 TEST_F(ServiceProcess, StopSignalCutsALongSleepShort) {
@@ -366,6 +379,8 @@ TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {
   // A helper that dies is restarted (after its back-off of 2 s).
   ::kill(hardwarePid, SIGKILL);
   ASSERT_TRUE(service->waitForOutput("hardware input 'Mic' (Studio) exited with status 9", 5s));
+  EXPECT_TRUE(
+      service->waitForOutput("hardware input 'Mic' (Studio) was ended by signal 9 (SIGKILL)", 5s));
   ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 6; }, 10s));
 
   // Unplugging the monitor's output device stops its helper; plugging it back starts one.

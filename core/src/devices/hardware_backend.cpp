@@ -2,6 +2,9 @@
 #include <cstring>
 
 #include "brisola/devices/hardware_layer.hpp"
+#ifdef BRISOLA_HAVE_PIPEWIRE
+#include "brisola/platform/pipewire_graph.hpp"
+#endif
 #include "brisola/platform/settings.hpp"
 #include "devices/hardware_backends.hpp"
 
@@ -83,6 +86,16 @@ std::unique_ptr<HardwareBackend> HardwareBackend::current() {
   return unavailable("No audio hardware layer: this build has no PipeWire; set " +
                      std::string(hardwareSimulationEnvironmentVariable) +
                      " to a simulated hardware file");
+#endif
+}
+
+std::string HardwareBackend::currentSource() {
+  const std::string file = Settings::current().hardwareFile;
+  if (!file.empty()) return "simulated, from " + file;
+#ifdef BRISOLA_HAVE_PIPEWIRE
+  return "PipeWire, at " + pipeWireSocketPath();
+#else
+  return "none: this build has no PipeWire and no simulated hardware file is set";
 #endif
 }
 

@@ -203,6 +203,8 @@ class HardwareBackend {
   // simulated hardware in that file; otherwise PipeWire (or, in a build without it, no
   // hardware layer at all).
   static std::unique_ptr<HardwareBackend> current();
+  // Where current() takes the hardware from, for people.
+  static std::string currentSource();
 
   // The audio server of this user's session. Every back end shares one connection of the
   // process, kept current by the server's events, so a snapshot costs no round trip; the
