@@ -131,14 +131,14 @@ AudioFilter::~AudioFilter() {
   pw_filter_destroy(filter_);
 }
 
-AudioFilter::Port AudioFilter::addPort(PipeWireDirection direction, const PortSpec& spec) {
+AudioFilter::Port AudioFilter::addPort(PipeWireDirection direction, const PortSpec& wanted) {
   auto properties = makeProperties({{PW_KEY_FORMAT_DSP, "32 bit float mono audio"},
-                                    {PW_KEY_PORT_NAME, spec.name},
-                                    {PW_KEY_AUDIO_CHANNEL, spec.position}});
+                                    {PW_KEY_PORT_NAME, wanted.name},
+                                    {PW_KEY_AUDIO_CHANNEL, wanted.position}});
   void* port = pw_filter_add_port(
       filter_, direction == PipeWireDirection::input ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT,
       PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0, properties.release(), nullptr, 0);
-  if (port == nullptr) throw std::runtime_error("Cannot add the port " + spec.name);
+  if (port == nullptr) throw std::runtime_error("Cannot add the port " + wanted.name);
   return port;
 }
 

@@ -93,7 +93,7 @@ class AudioFilter {
   AudioFilter& operator=(const AudioFilter&) = delete;
 
   using Port = void*;
-  Port addPort(PipeWireDirection direction, const PortSpec& spec);
+  Port addPort(PipeWireDirection direction, const PortSpec& wanted);
   // The process function must no longer touch the port (see betweenCycles).
   void removePort(Port port);
 

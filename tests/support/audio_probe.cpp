@@ -29,11 +29,11 @@ class Locked {
 
 class Player final : public AudioProbe::Stream {
  public:
-  Player(AudioProbe& probe, const ToneSpec& spec)
-      : Stream(probe, spec.amplitudes.size()),
-        amplitudes_(spec.amplitudes),
-        step_(2 * M_PI * spec.frequency / rate) {
-    connect(spec.name.c_str(), true, spec.target, false);
+  Player(AudioProbe& probe, const ToneSpec& tone)
+      : Stream(probe, tone.amplitudes.size()),
+        amplitudes_(tone.amplitudes),
+        step_(2 * M_PI * tone.frequency / rate) {
+    connect(tone.name.c_str(), true, tone.target, false);
   }
   ~Player() override { disconnect(); }
 
@@ -85,12 +85,12 @@ AudioProbe::~AudioProbe() {
   pw_thread_loop_destroy(loop_);
 }
 
-std::unique_ptr<AudioProbe::Stream> AudioProbe::play(const ToneSpec& spec) {
-  return std::make_unique<Player>(*this, spec);
+std::unique_ptr<AudioProbe::Stream> AudioProbe::play(const ToneSpec& tone) {
+  return std::make_unique<Player>(*this, tone);
 }
 
-std::unique_ptr<AudioProbe::Recorder> AudioProbe::record(const RecordSpec& spec) {
-  return std::make_unique<Recorder>(*this, spec);
+std::unique_ptr<AudioProbe::Recorder> AudioProbe::record(const RecordSpec& wanted) {
+  return std::make_unique<Recorder>(*this, wanted);
 }
 
 struct AudioProbe::Stream::Listener {
@@ -145,11 +145,12 @@ void AudioProbe::Stream::connect(const char* name, bool output, const std::strin
   }
 }
 
-AudioProbe::Recorder::Recorder(AudioProbe& probe, const RecordSpec& spec)
-    : Stream(probe, spec.channels),
-      samples_(spec.channels, std::vector<float>(static_cast<std::size_t>(spec.seconds * rate))),
-      blocks_(static_cast<std::size_t>(spec.seconds * rate / 16)) {
-  connect(spec.name.c_str(), false, spec.target, spec.sinkMonitor);
+AudioProbe::Recorder::Recorder(AudioProbe& probe, const RecordSpec& wanted)
+    : Stream(probe, wanted.channels),
+      samples_(wanted.channels,
+               std::vector<float>(static_cast<std::size_t>(wanted.seconds * rate))),
+      blocks_(static_cast<std::size_t>(wanted.seconds * rate / 16)) {
+  connect(wanted.name.c_str(), false, wanted.target, wanted.sinkMonitor);
 }
 
 AudioProbe::Recorder::~Recorder() {

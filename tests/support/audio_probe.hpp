@@ -44,8 +44,8 @@ class AudioProbe {
   AudioProbe(const AudioProbe&) = delete;
   AudioProbe& operator=(const AudioProbe&) = delete;
 
-  std::unique_ptr<Stream> play(const ToneSpec& spec);
-  std::unique_ptr<Recorder> record(const RecordSpec& spec);
+  std::unique_ptr<Stream> play(const ToneSpec& tone);
+  std::unique_ptr<Recorder> record(const RecordSpec& wanted);
 
  private:
   friend class Stream;
@@ -86,7 +86,7 @@ class AudioProbe::Recorder : public AudioProbe::Stream {
     std::chrono::steady_clock::time_point arrived;
   };
 
-  Recorder(AudioProbe& probe, const RecordSpec& spec);
+  Recorder(AudioProbe& probe, const RecordSpec& wanted);
   ~Recorder() override;
 
   std::size_t frames() const { return frames_.load(std::memory_order_acquire); }
