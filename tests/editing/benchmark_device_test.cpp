@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+
 #include <functional>
 
 #include "editing/edit_expectations.hpp"
@@ -61,6 +63,7 @@ TEST(BenchmarkDevice, WiresFollowTheInputAndMonitorWidths) {
   const Row rows[] = {
       {8, 3, 3, 4},
       {8, 8, 8, 8},
+      {INT64_MAX, INT64_MAX, INT64_MAX, INT64_MAX},  // found by fuzzing: no overflow
       {1, 1, 1, 1},
       {2, 2, 2, 2, 1, 1},
       {2, 1, 1, 2, 2, 2, "   "},

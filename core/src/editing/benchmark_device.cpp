@@ -81,15 +81,18 @@ DeviceConfig prepareBenchmarkDevice(std::string_view inputUID, std::string_view 
 
   // Two adjacent input channels from the first one; a mono input, or a start on the last
   // channel, feeds both device channels from the same input channel.
-  auto inputChannel = [&](std::int64_t wanted) {
-    return inputChannelCount == 1 ? std::int64_t{1} : std::min(inputChannelCount, wanted);
+  // Compared before adding, so that a first channel at the top of the range cannot overflow.
+  auto inputChannel = [&](std::int64_t offset) {
+    if (inputChannelCount == 1) return std::int64_t{1};
+    return sourceFirstChannel >= inputChannelCount - offset ? inputChannelCount
+                                                            : sourceFirstChannel + offset;
   };
-  device.wires.push_back(benchmarkWire(
-      sourceWirePrefix, 1, {EndpointKind::source, sourceID, inputChannel(sourceFirstChannel)},
-      {EndpointKind::deviceOutput, deviceID, 1}));
-  device.wires.push_back(benchmarkWire(
-      sourceWirePrefix, 2, {EndpointKind::source, sourceID, inputChannel(sourceFirstChannel + 1)},
-      {EndpointKind::deviceOutput, deviceID, 2}));
+  device.wires.push_back(benchmarkWire(sourceWirePrefix, 1,
+                                       {EndpointKind::source, sourceID, inputChannel(0)},
+                                       {EndpointKind::deviceOutput, deviceID, 1}));
+  device.wires.push_back(benchmarkWire(sourceWirePrefix, 2,
+                                       {EndpointKind::source, sourceID, inputChannel(1)},
+                                       {EndpointKind::deviceOutput, deviceID, 2}));
 
   if (monitor) {
     device.monitors.push_back(
