@@ -18,7 +18,8 @@ void write(std::string_view message);
 std::string format(std::string_view message, std::chrono::system_clock::time_point time);
 
 // Collects the messages (without time stamps) written while it lives, instead of printing
-// them. For tests; not thread-safe against concurrent writers.
+// them: for tests, and for the service to repeat what a plan it reuses had to say. Captures
+// nest; not thread-safe against concurrent writers.
 class Capture {
  public:
   Capture();

@@ -26,7 +26,11 @@ std::string text(bool value) {
 ServicePorts ServicePorts::real(const Environment& environment) {
   auto fileManager = FileManager::defaultManager();
   ServicePorts ports;
-  ports.publish = [](const ConfigSnapshot& snapshot) { RuntimePublisher::publish(snapshot); };
+  // Kept open and rewritten only on a change: an idle cycle leaves the block alone.
+  ports.publish = [writer =
+                       std::make_shared<RuntimeControlWriter>()](const ConfigSnapshot& snapshot) {
+    writer->publish(RuntimeDeviceControls::forDocument(snapshot));
+  };
   ports.inventory = [] { return CoreAudioDeviceRegistry::deviceInventory(); };
   ports.heartbeat = [fileManager] {
     // Without an Application Support directory there is nowhere to beat; the service goes on.
@@ -83,12 +87,25 @@ void BrisolaService::runCycle() {
     // Running helpers are left alone; the next cycle starts afresh.
     BrisolaServiceLog::write(std::string("Reconcile failed: ") + error.what());
     failing_ = true;
+    plan_.reset();
     return;
   }
   if (failing_)
     BrisolaServiceLog::write("Reconcile works again: the document loads and is published");
   failing_ = false;
-  ports_.supervisor->reconcile(desiredRoutes(*snapshot));
+  ports_.supervisor->reconcile(plan(*snapshot));
+}
+
+const std::vector<DesiredRoute>& BrisolaService::plan(const ConfigSnapshot& snapshot) {
+  AudioDeviceInventory inventory = ports_.inventory();
+  if (!plan_ || document_.changed() || inventory != plan_->inventory) {
+    BrisolaServiceLog::Capture lines;
+    auto routes = RoutePlanner::desiredRoutes(snapshot, inventory, helperPaths_);
+    plan_ = Plan{std::move(inventory), std::move(routes), lines.lines()};
+  }
+  // The user still has the same things to fix: say so every cycle, as a fresh plan would.
+  for (const auto& line : plan_->lines) BrisolaServiceLog::write(line);
+  return plan_->routes;
 }
 
 void BrisolaService::runLoop(StopSignals& signals) {

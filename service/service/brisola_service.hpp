@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,15 @@ class BrisolaService {
  private:
   void runLoop(StopSignals& signals);
   void runDry();
+  // The routes of the loaded document, planned again only when the document or the device
+  // inventory moved since the last plan.
+  const std::vector<DesiredRoute>& plan(const ConfigSnapshot& snapshot);
+
+  struct Plan {
+    AudioDeviceInventory inventory;
+    std::vector<DesiredRoute> routes;
+    std::vector<std::string> lines;  // what planning logged
+  };
 
   Environment environment_;  // handed on to every helper
   Settings settings_;
@@ -67,7 +77,8 @@ class BrisolaService {
   DocumentCache document_{store_};
   HelperPaths helperPaths_;
   ServicePorts ports_;
-  bool failing_ = false;  // the last cycle logged "Reconcile failed"
+  bool failing_ = false;      // the last cycle logged "Reconcile failed"
+  std::optional<Plan> plan_;  // none after a cycle that ended before planning
 };
 
 }  // namespace brisola

@@ -343,6 +343,74 @@ TEST(ControlBlock, EverySystemCallFailureIsReportedAndClosesWhatWasOpened) {
   EXPECT_EQ(system.truncates, 0);
 }
 
+// The service's writer rewrites the block only when the controls moved or the object no longer
+// holds what it wrote; every rewrite is a complete update that readers accept.
+TEST(ControlBlock, TheKeptWriterRewritesOnlyChangedControlsOrADisturbedObject) {
+  const std::string name = uniqueShmName("kept");
+  const std::vector<RuntimeDeviceControls> first{sampleControls(1)}, second{sampleControls(2)};
+  FaultySystem system;
+  RuntimeControlWriter writer(name, system);
+  // Looks and pokes through descriptors of its own; nothing here keeps the object alive.
+  auto word = [&](off_t offset) -> std::optional<std::uint32_t> {
+    UniqueFd fd(::shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0));
+    std::uint32_t value = 0;
+    if (!fd || ::pread(fd.get(), &value, 4, offset) != 4) return std::nullopt;
+    return value;
+  };
+  auto poke = [&](off_t offset, std::uint32_t value) {
+    UniqueFd fd(::shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0));
+    ASSERT_EQ(::pwrite(fd.get(), &value, 4, offset), 4);
+  };
+  struct Step {
+    const char* what;
+    std::function<void()> disturb;
+    const std::vector<RuntimeDeviceControls>& controls;
+    bool writes;
+  };
+  const std::vector<Step> steps{
+      {"first publish", [] {}, first, true},
+      {"nothing changed", [] {}, first, false},
+      {"controls changed", [] {}, second, true},
+      {"a byte between the fields overwritten", [&] { poke(slot(3) + 2000, 0x5A5A5A5A); }, second,
+       true},
+      {"a field overwritten", [&] { poke(slot(0) + 8, 7); }, second, true},
+      {"shrunk",
+       [&] {
+         UniqueFd fd(::shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0));
+         ASSERT_EQ(::ftruncate(fd.get(), 100), 0);
+       },
+       second, true},
+      {"removed", [&] { ::shm_unlink(name.c_str()); }, second, true},
+      {"replaced by another object",
+       [&] {
+         ::shm_unlink(name.c_str());
+         store::publish(name.c_str(), second, posix);
+       },
+       second, true},
+      {"the write fails", [&] { system.errors["write"] = {EIO}; }, first, true},
+      {"after a failed write", [] {}, first, true},
+      {"and then settled", [] {}, first, false},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.what);
+    step.disturb();
+    const auto before = word(12);
+    bool wrote = true;
+    try {
+      wrote = writer.publish(step.controls);
+    } catch (const RuntimeControlStoreError& error) {
+      EXPECT_EQ(error, RuntimeControlStoreError::writeFailed(EIO));
+      continue;
+    }
+    EXPECT_EQ(wrote, step.writes);
+    EXPECT_EQ(store::read(name.c_str(), posix), step.controls);
+    if (!step.writes) {
+      EXPECT_EQ(word(12), before) << "an unchanged block was written";
+    }
+  }
+  ::shm_unlink(name.c_str());
+}
+
 // Two full states that differ in every slot, over memory (under ThreadSanitizer this shows the
 // protocol free of data races) and over a real object through its descriptor.
 TEST(ControlBlock, AReaderNeverAcceptsATornUpdate) {

@@ -82,11 +82,12 @@ struct OpenedObject {
 OpenedObject openSharedMemory(const char* name, std::uint16_t mode,
                               const SharedMemorySystem& system);
 
-// One complete update of the named object, as publish(_:) does it without the retry.
-void write(const char* name, const std::vector<RuntimeDeviceControls>& controls,
-           const SharedMemorySystem& system);
-void publish(const char* name, const std::vector<RuntimeDeviceControls>& controls,
-             const SharedMemorySystem& system);
+// One complete update of the named object, as publish(_:) does it without the retry. Both
+// hand back the descriptor they wrote through, for a writer that keeps the object open.
+UniqueFd write(const char* name, const std::vector<RuntimeDeviceControls>& controls,
+               const SharedMemorySystem& system);
+UniqueFd publish(const char* name, const std::vector<RuntimeDeviceControls>& controls,
+                 const SharedMemorySystem& system);
 std::vector<RuntimeDeviceControls> read(const char* name, const SharedMemorySystem& system);
 
 // The text's UTF-8 bytes, cut by whole characters to at most capacity − 1 bytes, then zero

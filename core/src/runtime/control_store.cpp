@@ -237,8 +237,8 @@ OpenedObject openSharedMemory(const char* name, std::uint16_t mode,
   return {UniqueFd(fd), true};
 }
 
-void write(const char* name, const std::vector<RuntimeDeviceControls>& controls,
-           const SharedMemorySystem& system) {
+UniqueFd write(const char* name, const std::vector<RuntimeDeviceControls>& controls,
+               const SharedMemorySystem& system) {
   constexpr std::uint16_t mode = 0666;
   OpenedObject object = openSharedMemory(name, mode, system);
   int fd = object.fd.get();
@@ -263,17 +263,18 @@ void write(const char* name, const std::vector<RuntimeDeviceControls>& controls,
   }
   DescriptorBytes block(fd, system);
   writeBlock(block, controls);
+  return std::move(object.fd);
 }
 
-void publish(const char* name, const std::vector<RuntimeDeviceControls>& controls,
-             const SharedMemorySystem& system) {
+UniqueFd publish(const char* name, const std::vector<RuntimeDeviceControls>& controls,
+                 const SharedMemorySystem& system) {
   try {
-    write(name, controls, system);
+    return write(name, controls, system);
   } catch (const RuntimeControlStoreError& error) {
     // An existing object of another size that the system refuses to resize: start afresh.
     if (error != RuntimeControlStoreError::resizeFailed(EINVAL)) throw;
     static_cast<void>(system.unlink(name));
-    write(name, controls, system);
+    return write(name, controls, system);
   }
 }
 
@@ -298,7 +299,7 @@ const std::string& objectName() {
 }  // namespace
 
 void publish(const std::vector<RuntimeDeviceControls>& controls) {
-  publish(objectName().c_str(), controls, SharedMemorySystem::posix());
+  static_cast<void>(publish(objectName().c_str(), controls, SharedMemorySystem::posix()));
 }
 
 std::vector<RuntimeDeviceControls> read() {
@@ -306,6 +307,42 @@ std::vector<RuntimeDeviceControls> read() {
 }
 
 }  // namespace RuntimeControlStoreV3
+
+RuntimeControlWriter::RuntimeControlWriter(std::string_view name)
+    : RuntimeControlWriter(name, SharedMemorySystem::posix()) {}
+
+RuntimeControlWriter::RuntimeControlWriter(std::string_view name, const SharedMemorySystem& system)
+    : name_(name), system_(system) {}
+
+RuntimeControlWriter::~RuntimeControlWriter() = default;
+
+bool RuntimeControlWriter::publish(const std::vector<RuntimeDeviceControls>& controls) {
+  if (fd_ && controls == written_ && holdsLastWrite()) return false;
+  fd_.reset();
+  written_.clear();
+  bytes_.clear();
+  fd_ = RuntimeControlStoreV3::publish(name_.c_str(), controls, system_);
+  written_ = controls;
+  // What the object holds now, read back rather than rebuilt: the writer leaves the bytes
+  // between the fields as it found them. A failed read only costs one more write next time.
+  bytes_.resize(RuntimeControlStoreV3::layout::objectSize);
+  if (!DescriptorBytes(fd_.get(), system_).read(0, bytes_.data(), bytes_.size())) bytes_.clear();
+  return true;
+}
+
+bool RuntimeControlWriter::holdsLastWrite() {
+  struct stat info {};
+  // Removed or replaced under its name (no links left), or shrunk: the readers no longer see
+  // what was written.
+  if (bytes_.empty() || system_.status(fd_.get(), &info) != 0 || info.st_nlink == 0 ||
+      info.st_size < static_cast<off_t>(bytes_.size())) {
+    return false;
+  }
+  scratch_.resize(bytes_.size());
+  // memcmp: a comparison of std::byte vectors goes byte by byte.
+  return DescriptorBytes(fd_.get(), system_).read(0, scratch_.data(), scratch_.size()) &&
+         std::memcmp(scratch_.data(), bytes_.data(), bytes_.size()) == 0;
+}
 
 bool RuntimeControlWatcher::changed() {
   const auto& system = SharedMemorySystem::posix();

@@ -89,6 +89,35 @@ class RuntimeControlWatcher {
   bool looked_ = false;
 };
 
+class SharedMemorySystem;
+
+// The service's writer of the control block. It keeps the object open for the service's life
+// and remembers the bytes it last wrote, so that a cycle in which nothing changed costs a status
+// and one read, and readers see no sequence move. The block is written again when the controls
+// differ from the last ones written, or when the object no longer holds exactly the bytes last
+// written: damaged, shrunk, removed or replaced by someone else.
+class RuntimeControlWriter {
+ public:
+  explicit RuntimeControlWriter(std::string_view name = RuntimeControlStoreV3::sharedMemoryName);
+  RuntimeControlWriter(std::string_view name, const SharedMemorySystem& system);
+  ~RuntimeControlWriter();
+  RuntimeControlWriter(const RuntimeControlWriter&) = delete;
+  RuntimeControlWriter& operator=(const RuntimeControlWriter&) = delete;
+
+  // Whether it wrote. Throws RuntimeControlStoreError as RuntimeControlStoreV3::publish does;
+  // after a failure the next call writes afresh.
+  bool publish(const std::vector<RuntimeDeviceControls>& controls);
+
+ private:
+  bool holdsLastWrite();
+
+  std::string name_;
+  const SharedMemorySystem& system_;
+  UniqueFd fd_;
+  std::vector<RuntimeDeviceControls> written_;
+  std::vector<std::byte> bytes_, scratch_;  // the object after the last write; the last look
+};
+
 // The service's publishing step, once per cycle.
 namespace RuntimePublisher {
 void publish(const ConfigSnapshot& snapshot);
