@@ -1,7 +1,9 @@
 #include "service/brisola_service.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
+#include <iterator>
 
 #include "brisola/devices/core_audio_device_registry.hpp"
 #include "brisola/runtime/control_store.hpp"
@@ -93,19 +95,63 @@ void BrisolaService::runCycle() {
   if (failing_)
     BrisolaServiceLog::write("Reconcile works again: the document loads and is published");
   failing_ = false;
-  ports_.supervisor->reconcile(plan(*snapshot));
+  if (plan(*snapshot)) {
+    ports_.supervisor->reconcile(plan_->routes);
+  } else {
+    ports_.supervisor->keepRunning();
+  }
 }
 
-const std::vector<DesiredRoute>& BrisolaService::plan(const ConfigSnapshot& snapshot) {
+bool BrisolaService::plan(const ConfigSnapshot& snapshot) {
   AudioDeviceInventory inventory = ports_.inventory();
-  if (!plan_ || document_.changed() || inventory != plan_->inventory) {
-    BrisolaServiceLog::Capture lines;
-    auto routes = RoutePlanner::desiredRoutes(snapshot, inventory, helperPaths_);
-    plan_ = Plan{std::move(inventory), std::move(routes), lines.lines()};
+  const bool sameInventory = plan_ && inventory == plan_->inventory;
+  const bool replanning = !sameInventory || plan_->generation != document_.generation();
+  if (replanning) {
+    // A plan of the document just before, under the same devices, lends the routes of every
+    // device whose record did not move.
+    std::optional<Plan> last;
+    if (sameInventory && plan_->generation + 1 == document_.generation()) last = std::move(plan_);
+    plan_ = replan(snapshot, std::move(inventory), std::move(last));
   }
   // The user still has the same things to fix: say so every cycle, as a fresh plan would.
-  for (const auto& line : plan_->lines) BrisolaServiceLog::write(line);
-  return plan_->routes;
+  for (const auto& lines : plan_->lines) {
+    for (const auto& line : lines) BrisolaServiceLog::write(line);
+  }
+  return replanning;
+}
+
+BrisolaService::Plan BrisolaService::replan(const ConfigSnapshot& snapshot,
+                                            AudioDeviceInventory inventory,
+                                            std::optional<Plan> last) const {
+  const auto [inputs, outputs] = RoutePlanner::availableUIDs(inventory);
+  const auto& previous = document_.previous().devices;
+  Plan plan{.generation = document_.generation(), .inventory = std::move(inventory)};
+  plan.routes.reserve(last ? last->routes.size() : 0);
+  for (std::size_t i = 0; i < snapshot.devices.size(); ++i) {
+    const DeviceConfig& device = snapshot.devices[i];
+    std::vector<std::string> lines;
+    // Nested sources look at other devices: those devices are planned afresh every time.
+    const bool reusable =
+        last && i < previous.size() &&
+        std::none_of(device.sources.begin(), device.sources.end(),
+                     [](const SourceConfig& s) { return s.type == SourceType::virtualDevice; }) &&
+        device == previous[i];
+    if (reusable) {
+      const std::size_t begin = i == 0 ? 0 : last->ends[i - 1];
+      std::move(last->routes.begin() + static_cast<std::ptrdiff_t>(begin),
+                last->routes.begin() + static_cast<std::ptrdiff_t>(last->ends[i]),
+                std::back_inserter(plan.routes));
+      lines = std::move(last->lines[i]);
+    } else if (device.enabled) {
+      BrisolaServiceLog::Capture capture;
+      auto routes = RoutePlanner::desiredRoutes(device, snapshot, inputs, outputs, helperPaths_);
+      std::move(routes.begin(), routes.end(), std::back_inserter(plan.routes));
+      lines = capture.lines();
+    }
+    plan.ends.push_back(plan.routes.size());
+    plan.lines.push_back(std::move(lines));
+  }
+  return plan;
 }
 
 void BrisolaService::runLoop(StopSignals& signals) {

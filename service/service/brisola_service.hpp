@@ -61,15 +61,21 @@ class BrisolaService {
  private:
   void runLoop(StopSignals& signals);
   void runDry();
-  // The routes of the loaded document, planned again only when the document or the device
-  // inventory moved since the last plan.
-  const std::vector<DesiredRoute>& plan(const ConfigSnapshot& snapshot);
+  // Brings plan_ to the routes of the loaded document: planned again only when the document
+  // or the device inventory moved since the last plan, and then only for the devices whose
+  // record moved. Whether it planned again.
+  bool plan(const ConfigSnapshot& snapshot);
 
   struct Plan {
+    std::uint64_t generation = 0;  // of the document planned
     AudioDeviceInventory inventory;
-    std::vector<DesiredRoute> routes;
-    std::vector<std::string> lines;  // what planning logged
+    std::vector<DesiredRoute> routes;  // every device's, in document order
+    // Per document device: one past its last route, and what planning it logged.
+    std::vector<std::size_t> ends;
+    std::vector<std::vector<std::string>> lines;
   };
+  Plan replan(const ConfigSnapshot& snapshot, AudioDeviceInventory inventory,
+              std::optional<Plan> last) const;
 
   Environment environment_;  // handed on to every helper
   Settings settings_;

@@ -12,15 +12,17 @@ const ConfigSnapshot& DocumentCache::load() {
                    status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_ctim.tv_sec,
                    status.st_ctim.tv_nsec};
   }
-  changed_ = !now || now != identity_;
-  if (!changed_) {
+  if (now && now == identity_) {
     if (error_) std::rethrow_exception(error_);
     return snapshot_;
   }
   identity_.reset();
   error_ = nullptr;
   try {
-    snapshot_ = store_.loadOrCreateEmpty();
+    ConfigSnapshot loaded = store_.loadOrCreateEmpty();
+    previous_ = std::move(snapshot_);
+    snapshot_ = std::move(loaded);
+    ++generation_;
   } catch (const DecodingError&) {
     // What the bytes say does not change until the file does.
     identity_ = now;

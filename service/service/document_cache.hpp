@@ -7,6 +7,7 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <exception>
 #include <optional>
 
@@ -23,8 +24,11 @@ class DocumentCache {
   // on every cycle. Other failures (the file unreadable, the directory missing) are never kept.
   const ConfigSnapshot& load();
 
-  // Whether the last load read the file (or failed) rather than reusing what it had.
-  bool changed() const { return changed_; }
+  // Counts the documents read so far: it moves with every load that read the file anew.
+  std::uint64_t generation() const { return generation_; }
+  // The document of the generation before this one (empty before the second read), kept so
+  // that what depends on it can be redone only where the document moved.
+  const ConfigSnapshot& previous() const { return previous_; }
 
  private:
   struct Identity {
@@ -37,9 +41,9 @@ class DocumentCache {
 
   const ConfigStore& store_;
   std::optional<Identity> identity_;
-  ConfigSnapshot snapshot_;
+  ConfigSnapshot snapshot_, previous_;
   std::exception_ptr error_;
-  bool changed_ = true;
+  std::uint64_t generation_ = 0;
 };
 
 }  // namespace brisola

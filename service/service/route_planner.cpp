@@ -172,12 +172,17 @@ std::vector<DesiredRoute> desiredRoutes(const DeviceConfig& device, const Config
   return routes;
 }
 
+std::pair<UIDSet, UIDSet> availableUIDs(const AudioDeviceInventory& inventory) {
+  std::pair<UIDSet, UIDSet> uids;
+  for (const auto& info : inventory.inputs) uids.first.insert(info.uid);
+  for (const auto& info : inventory.outputs) uids.second.insert(info.uid);
+  return uids;
+}
+
 std::vector<DesiredRoute> desiredRoutes(const ConfigSnapshot& snapshot,
                                         const AudioDeviceInventory& inventory,
                                         const HelperPaths& helperPaths) {
-  UIDSet inputs, outputs;
-  for (const auto& info : inventory.inputs) inputs.insert(info.uid);
-  for (const auto& info : inventory.outputs) outputs.insert(info.uid);
+  const auto [inputs, outputs] = availableUIDs(inventory);
   std::vector<DesiredRoute> routes;
   for (const auto& device : snapshot.devices) {
     if (!device.enabled) continue;

@@ -5,6 +5,7 @@
 
 #include <string>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "brisola/ipc/exchange_records.hpp"
@@ -15,6 +16,9 @@
 namespace brisola::RoutePlanner {
 
 using UIDSet = std::unordered_set<std::string>;
+
+// The UIDs of the inputs and of the outputs that are present.
+std::pair<UIDSet, UIDSet> availableUIDs(const AudioDeviceInventory& inventory);
 
 // Enabled devices in document order; per device its monitors, then its sources.
 std::vector<DesiredRoute> desiredRoutes(const ConfigSnapshot& snapshot,

@@ -32,6 +32,7 @@ RouteSupervisor::~RouteSupervisor() {
 void RouteSupervisor::reconcile(const std::vector<DesiredRoute>& desired) {
   reaper_.collect();
 
+  duplicateLines_.clear();
   std::unordered_set<std::string_view> keys;
   std::vector<const DesiredRoute*> plan;
   keys.reserve(desired.size());
@@ -40,7 +41,8 @@ void RouteSupervisor::reconcile(const std::vector<DesiredRoute>& desired) {
     if (keys.insert(route.key).second) {
       plan.push_back(&route);
     } else {
-      BrisolaServiceLog::write("Ignoring duplicate route " + route.key + ": " + route.summary);
+      duplicateLines_.push_back("Ignoring duplicate route " + route.key + ": " + route.summary);
+      BrisolaServiceLog::write(duplicateLines_.back());
     }
   }
 
@@ -63,6 +65,12 @@ void RouteSupervisor::reconcile(const std::vector<DesiredRoute>& desired) {
     routes_.try_emplace(route->key, *route, launcher_, clock_, reaper_);
   }
 
+  for (auto& [key, managed] : routes_) managed.ensureRunning(environment_);
+}
+
+void RouteSupervisor::keepRunning() {
+  reaper_.collect();
+  for (const auto& line : duplicateLines_) BrisolaServiceLog::write(line);
   for (auto& [key, managed] : routes_) managed.ensureRunning(environment_);
 }
 
