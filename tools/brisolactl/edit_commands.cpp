@@ -212,12 +212,13 @@ std::optional<ApplicationSourceCandidate> findApplication(const Arguments& a, bo
 }
 
 // Wires channel c of `from` to channel c of `to` for every channel both have.
-void wireStraightThrough(std::string_view deviceID, const WireEndpoint& from,
-                         std::int64_t fromCount, const WireEndpoint& to, std::int64_t toCount,
-                         ConfigSnapshot& in) {
-  for (std::int64_t c = 1; c <= std::min(fromCount, toCount); ++c) {
-    ConfigEditor::connectWire(deviceID, {from.kind, from.ownerID, c}, {to.kind, to.ownerID, c}, in);
-  }
+void wireChannelForChannel(DeviceConfig& device, EndpointKind fromKind,
+                           const std::string& fromOwnerID, std::int64_t fromCount,
+                           EndpointKind toKind, const std::string& toOwnerID,
+                           std::int64_t toCount) {
+  auto wires = channelForChannelWires(fromKind, fromOwnerID, toKind, toOwnerID,
+                                      std::min(fromCount, toCount), makeUUIDString);
+  device.wires.insert(device.wires.end(), wires.begin(), wires.end());
 }
 
 SourceConfig addSource(const Arguments& a, ConfigSnapshot& in) {
@@ -261,9 +262,9 @@ SourceConfig addSource(const Arguments& a, ConfigSnapshot& in) {
   }
   in.devices[index].sources.push_back(source);
   if (!a.noWire) {
-    const DeviceConfig& device = in.devices[index];
-    wireStraightThrough(a.device, {EndpointKind::source, source.id, 0}, source.channelCount,
-                        {EndpointKind::deviceOutput, device.id, 0}, device.channelCount, in);
+    DeviceConfig& device = in.devices[index];
+    wireChannelForChannel(device, EndpointKind::source, source.id, source.channelCount,
+                          EndpointKind::deviceOutput, device.id, device.channelCount);
   }
   return source;
 }
@@ -284,9 +285,9 @@ MonitorConfig addMonitor(const Arguments& a, ConfigSnapshot& in) {
                         .channelCount = channels};
   in.devices[index].monitors.push_back(monitor);
   if (!a.noWire) {
-    const DeviceConfig& device = in.devices[index];
-    wireStraightThrough(a.device, {EndpointKind::deviceOutput, device.id, 0}, device.channelCount,
-                        {EndpointKind::monitor, monitor.id, 0}, monitor.channelCount, in);
+    DeviceConfig& device = in.devices[index];
+    wireChannelForChannel(device, EndpointKind::deviceOutput, device.id, device.channelCount,
+                          EndpointKind::monitor, monitor.id, monitor.channelCount);
   }
   return monitor;
 }

@@ -168,13 +168,8 @@ SourceConfig ConfigEditor::addVirtualDeviceSource(std::string_view deviceID,
   const std::int64_t wireCount =
       std::max<std::int64_t>(std::min(source.channelCount, device.channelCount), 1);
   if (wireCount > maximumChannelCount) throw ConfigEditError::channelCountOutOfRange(wireCount);
-  std::vector<Wire> wires;
-  wires.reserve(static_cast<std::size_t>(wireCount));
-  for (std::int64_t channel = 1; channel <= wireCount; ++channel) {
-    wires.push_back(Wire{.id = idFactory(),
-                         .from = {EndpointKind::source, source.id, channel},
-                         .to = {EndpointKind::deviceOutput, std::string(deviceID), channel}});
-  }
+  std::vector<Wire> wires = channelForChannelWires(
+      EndpointKind::source, source.id, EndpointKind::deviceOutput, deviceID, wireCount, idFactory);
 
   DeviceConfig updated = device;
   updated.sources.push_back(source);
