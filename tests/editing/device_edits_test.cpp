@@ -16,6 +16,12 @@ using testing::sourceEnd;
 using Gains = std::optional<std::vector<double>>;
 namespace Editor = ConfigEditor;
 
+// Checks run before the first id is taken.
+std::string noIds() {
+  ADD_FAILURE() << "an id was taken";
+  return {};
+}
+
 TEST(ConfigEditorLookups, MissingElementsFailWithTheLookedUpIdAndChangeNothing) {
   using E = ConfigEditError;
   using Edit = std::function<void(ConfigSnapshot&)>;
@@ -32,6 +38,10 @@ TEST(ConfigEditorLookups, MissingElementsFailWithTheLookedUpIdAndChangeNothing) 
        E::deviceNotFound("ghost")},
       {[](auto& d) { Editor::setMonitorControls("nest", "spk", true, true, 0.5, d); },
        E::monitorNotFound("spk")},
+      {[](auto& d) { Editor::addSource("ghost", {}, false, d, noIds); },
+       E::deviceNotFound("ghost")},
+      {[](auto& d) { Editor::addMonitor("ghost", {}, false, d, noIds); },
+       E::deviceNotFound("ghost")},
   };
   for (const auto& [edit, expected] : rows) {
     SCOPED_TRACE(expected.what());
@@ -58,12 +68,20 @@ TEST(ConfigEditorBounds, AbsurdChannelCountsAreRefusedBeforeAnythingIsBuilt) {
        E::channelCountOutOfRange(std::int64_t{1} << 53)},
       {[](auto& d) { Editor::addVirtualDeviceSource("big", "big2", d, [] { return "x"; }); },
        E::channelCountOutOfRange(std::int64_t{1} << 53)},
+      {[](auto& d) { Editor::addSource("big", {.channelCount = 5000}, true, d, noIds); },
+       E::channelCountOutOfRange(5000)},
+      {[](auto& d) { Editor::addMonitor("big", {.channelCount = 1 << 30}, true, d, noIds); },
+       E::channelCountOutOfRange(1 << 30)},
   };
   for (const auto& [edit, expected] : rows) {
     SCOPED_TRACE(expected.what());
     expectRejected(document, edit, expected);
   }
   Editor::setDeviceChannelCount("studio", 4096, document);
+  // Unwired, a new element builds nothing for its channels.
+  EXPECT_EQ(Editor::addSource("big", {.channelCount = 5000}, false, document, [] { return "x"; })
+                .channelCount,
+            5000);
 }
 
 TEST(ConfigEditorLookups, FirstElementWithTheIdIsTheOneChanged) {

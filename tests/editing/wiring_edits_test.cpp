@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <variant>
 
 #include "editing/edit_expectations.hpp"
 #include "support/documents.hpp"
@@ -256,6 +257,77 @@ TEST(AddVirtualDeviceSource, FailuresChangeNothingAndRejectionsNeverCallTheFacto
   };
   EXPECT_THROW(Editor::addVirtualDeviceSource("a", "c", document, failOnThird), std::runtime_error);
   EXPECT_EQ(document, before);
+}
+
+// dev-1 has four channels here, so that wires follow the smaller count either way.
+TEST(AddSourceAndMonitor, FillInWhatIsNotGivenThenWireChannelForChannelWithIdsInOrder) {
+  using Editor::NewMonitor;
+  using Editor::NewSource;
+  const ApplicationSourceCandidate running{
+      .displayName = "Sketchpad", .bundleIdentifier = "com.sk", .pid = 9, .processObjectID = 90};
+  const AudioDeviceInfo mic{.uid = "hw", .name = "Studio Mic", .channelCount = 6};
+  const AudioDeviceInfo desk{.name = "Desk", .channelCount = 1};
+  const SourceMetadata none, byPID{.pid = 42}, byUID{.deviceUID = "hw"};
+  const SourceMetadata byBundle{.bundleIdentifier = "com.b"};
+  const SourceMetadata completed{.bundleIdentifier = "com.sk", .pid = 42, .processObjectID = 90};
+  constexpr auto app = SourceType::application, input = SourceType::hardwareInput;
+  struct Row {
+    std::variant<NewSource, NewMonitor> request;
+    bool wired;
+    std::string name;
+    std::int64_t channels, wires;
+    SourceMetadata metadata;
+  };
+  const Row rows[] = {
+      // The running application fills in only what is missing.
+      {NewSource{.type = app, .metadata = byPID, .application = running}, true, "Sketchpad", 2, 2,
+       completed},
+      {NewSource{.type = app, .metadata = byBundle}, true, "com.b", 2, 2, byBundle},
+      {NewSource{.type = app, .metadata = byPID}, true, "Application 42", 2, 2, byPID},
+      // Hardware found for another type is ignored.
+      {NewSource{.channelCount = 1, .application = running, .input = mic}, true, "System Audio", 1,
+       1, none},
+      {NewSource{.type = input, .metadata = byUID, .input = mic}, true, "Studio Mic", 6, 4, byUID},
+      {NewSource{.type = input, .name = "Mine", .channelCount = 3, .metadata = byUID, .input = mic},
+       false, "Mine", 3, 0, byUID},
+      {NewSource{.type = input, .metadata = byUID}, true, "hw", 2, 2, byUID},
+      {NewMonitor{.deviceUID = "out", .output = desk}, true, "Desk", 1, 1, none},
+      {NewMonitor{.deviceUID = "out", .name = "Mine", .channelCount = 8, .output = mic}, false,
+       "Mine", 8, 0, none},
+      {NewMonitor{.deviceUID = "out", .output = AudioDeviceInfo{}}, true, "", 2, 2, none},
+      {NewMonitor{.deviceUID = "out"}, true, "out", 2, 2, none},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(::testing::Message() << row.name << " " << row.channels);
+    ConfigSnapshot document = wiringDocument();
+    document.devices[0].channelCount = 4;
+    ConfigSnapshot expected = document;
+    DeviceConfig& device = expected.devices[0];
+    const auto* source = std::get_if<NewSource>(&row.request);
+    for (std::int64_t c = 1; c <= row.wires; ++c) {
+      const std::string id = "n" + std::to_string(c + 1);
+      device.wires.push_back(source
+                                 ? testing::wire(id, sourceEnd("n1", c), outputEnd("dev-1", c))
+                                 : testing::wire(id, outputEnd("dev-1", c), monitorEnd("n1", c)));
+    }
+    testing::CountingIdFactory factory{.prefix = "n"};
+    // The id is a view of the device's own id, which the change moves.
+    const std::string_view id = document.devices[0].id;
+    if (source) {
+      device.sources.push_back(testing::sourceOf(source->type, "n1", row.name, row.metadata));
+      device.sources.back().channelCount = row.channels;
+      EXPECT_EQ(Editor::addSource(id, *source, row.wired, document, std::ref(factory)),
+                device.sources.back());
+    } else {
+      device.monitors.push_back(testing::monitor("n1", "out", row.channels));
+      device.monitors.back().name = row.name;
+      EXPECT_EQ(Editor::addMonitor(id, std::get<NewMonitor>(row.request), row.wired, document,
+                                   std::ref(factory)),
+                device.monitors.back());
+    }
+    EXPECT_EQ(factory.calls, 1 + row.wires);
+    EXPECT_EQ(document, expected);
+  }
 }
 
 }  // namespace

@@ -175,45 +175,62 @@ TEST_F(CtlTest, AddedElementsTakeFreshUUIDsAndWhatTheHardwareKnows) {
   for (const auto& id : ids) EXPECT_TRUE(isUUID(id)) << id;
   EXPECT_EQ(readDocument().devices.back(), added);
 
-  // A hardware input is named and sized after the simulated input and wired straight through.
-  result = run({"source", "add", "studio", "hardwareInput", "--device-uid", "StudioMic"});
-  ASSERT_EQ(result.status, 0) << result.err;
-  const auto input = decodeJSON<SourceConfig>(result.out);
-  EXPECT_EQ(std::tuple(input.name, input.channelCount, input.metadata.deviceUID),
-            std::tuple("Studio Mic", 4, "StudioMic"));
-  const auto studio = readDocument().devices[0];
-  EXPECT_EQ(studio.sources.back(), input);
-  EXPECT_EQ(studio.wires.back().from, (WireEndpoint{EndpointKind::source, input.id, 2}));
-  EXPECT_EQ(studio.wires.back().to, (WireEndpoint{EndpointKind::deviceOutput, "studio", 2}));
-
-  // An application found by its pid fills in the rest; --no-wire adds no wires.
-  const auto wiresBefore = readDocument().devices[1].wires.size();
-  result = run({"source", "add", "nest", "application", "--pid", "4242", "--no-wire"});
-  ASSERT_EQ(result.status, 0) << result.err;
-  const auto application = decodeJSON<SourceConfig>(result.out);
-  EXPECT_EQ(std::tuple(application.name, application.metadata.bundleIdentifier,
-                       application.metadata.processObjectID),
-            std::tuple("Sketchpad", "com.example.sketchpad", 90u));
-  EXPECT_EQ(readDocument().devices[1].wires.size(), wiresBefore);
-
-  // A monitor is named after its output and plays the device channel for channel.
-  result = run({"monitor", "add", "nest", "Speakers"});
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(decodeJSON<MonitorConfig>(result.out).name, "Desk Speakers");
-  EXPECT_EQ(readDocument().devices[1].wires.size(), wiresBefore + 2);
-
-  // source nest: the editor's operation, with the identifiers it printed.
-  ConfigSnapshot before = readDocument();
-  result = run({"source", "nest", added.id, "studio"});
-  ASSERT_EQ(result.status, 0) << result.err;
-  const auto after = readDocument();
-  std::vector<std::string> nestIDs{decodeJSON<SourceConfig>(result.out).id};
-  for (auto i = before.devices.back().wires.size(); i < after.devices.back().wires.size(); ++i) {
-    nestIDs.push_back(after.devices.back().wires[i].id);
+  // The other additions are the editor's, given what the simulated hardware knows and the
+  // identifiers the command saved: the element's, then its wires' in order.
+  const auto layer = HardwareBackend::simulated(hardware())->snapshot();
+  const auto inventory = CoreAudioDeviceRegistry::deviceInventory(*layer);
+  const auto running = CoreAudioDeviceRegistry::applicationSourceCandidates(*layer);
+  using Add = std::function<std::string(ConfigSnapshot&, const IdFactory&)>;
+  const auto addSource = [](std::string device, Editor::NewSource source, bool wired) -> Add {
+    return [=](auto& in, auto& factory) {
+      return encodeJSON(Editor::addSource(device, source, wired, in, factory));
+    };
+  };
+  const std::vector<std::pair<std::vector<std::string>, Add>> rows{
+      {{"source", "add", "studio", "hardwareInput", "--device-uid", "StudioMic", "--input-backend",
+        "hal"},
+       addSource("studio",
+                 {.type = SourceType::hardwareInput,
+                  .metadata = {.deviceUID = "StudioMic", .inputBackend = "hal"},
+                  .input = inventory.inputs.at(0)},
+                 true)},
+      {{"source", "add", "nest", "application", "--pid", "4242", "--no-wire"},
+       addSource("nest",
+                 {.type = SourceType::application,
+                  .metadata = {.pid = 4242},
+                  .application = running.at(0)},
+                 false)},
+      {{"monitor", "add", "nest", "Speakers"},
+       [&](auto& in, auto& factory) {
+         return encodeJSON(Editor::addMonitor(
+             "nest", {.deviceUID = "Speakers", .output = inventory.outputs.at(0)}, true, in,
+             factory));
+       }},
+      {{"source", "nest", added.id, "studio"},
+       [&](auto& in, auto& factory) {
+         return encodeJSON(Editor::addVirtualDeviceSource(added.id, "studio", in, factory));
+       }},
+  };
+  for (const auto& [arguments, add] : rows) {
+    SCOPED_TRACE(arguments[0] + " " + arguments[1] + " " + arguments[3]);
+    ConfigSnapshot expected = readDocument();
+    result = run(arguments);
+    ASSERT_EQ(result.status, 0) << result.err;
+    const ConfigSnapshot after = readDocument();
+    ids.clear();
+    const auto appended = [&](const auto& old, const auto& now) {
+      for (auto i = old.size(); i < now.size(); ++i) ids.push_back(now[i].id);
+    };
+    for (std::size_t d = 0; d < after.devices.size(); ++d) {
+      appended(expected.devices[d].sources, after.devices[d].sources);
+      appended(expected.devices[d].monitors, after.devices[d].monitors);
+      appended(expected.devices[d].wires, after.devices[d].wires);
+    }
+    for (const auto& id : ids) EXPECT_TRUE(isUUID(id)) << id;
+    next = 0;
+    EXPECT_EQ(result.out, add(expected, [&] { return ids.at(next++); }) + "\n");
+    EXPECT_EQ(after, expected);
   }
-  next = 0;
-  Editor::addVirtualDeviceSource(added.id, "studio", before, [&] { return nestIDs.at(next++); });
-  EXPECT_EQ(after, before);
 }
 
 TEST_F(CtlTest, RefusedEditsAndWrongCommandLinesLeaveTheFileByteForByte) {

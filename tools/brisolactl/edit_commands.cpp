@@ -1,6 +1,7 @@
-// The editing commands: one per editor operation, plus `source add` and `monitor add`. Each
-// loads the document, applies the change in memory, saves through the store (a complete new
-// file or nothing) and prints what changed. A refused change saves nothing.
+// The editing commands: one per editor operation, `source add` and `monitor add` with what
+// the hardware layer knows of their devices. Each loads the document, applies the change in
+// memory, saves through the store (a complete new file or nothing) and prints what changed. A
+// refused change saves nothing.
 
 #include <algorithm>
 #include <cctype>
@@ -211,24 +212,11 @@ std::optional<ApplicationSourceCandidate> findApplication(const Arguments& a, bo
   return std::nullopt;
 }
 
-// Wires channel c of `from` to channel c of `to` for every channel both have.
-void wireStraightThrough(std::string_view deviceID, const WireEndpoint& from,
-                         std::int64_t fromCount, const WireEndpoint& to, std::int64_t toCount,
-                         ConfigSnapshot& in) {
-  for (std::int64_t c = 1; c <= std::min(fromCount, toCount); ++c) {
-    ConfigEditor::connectWire(deviceID, {from.kind, from.ownerID, c}, {to.kind, to.ownerID, c}, in);
-  }
-}
-
+// The hardware is looked up, and the options checked, only for a device that exists.
 SourceConfig addSource(const Arguments& a, ConfigSnapshot& in) {
-  const std::size_t index = ConfigEditor::requireDeviceIndex(a.device, in);
-  SourceConfig source{.id = makeUUIDString(),
-                      .type = *enumFromName<SourceType>(a.type),
-                      .name = a.name,
-                      .enabled = true,
-                      .muted = false,
-                      .gain = 1.0,
-                      .channelCount = a.channels > 0 ? a.channels : 2};
+  ConfigEditor::requireDeviceIndex(a.device, in);
+  ConfigEditor::NewSource source{
+      .type = *enumFromName<SourceType>(a.type), .name = a.name, .channelCount = a.channels};
   auto& metadata = source.metadata;
   if (source.type == SourceType::application) {
     if (a.bundleID.empty() && a.pid == 0) {
@@ -237,58 +225,25 @@ SourceConfig addSource(const Arguments& a, ConfigSnapshot& in) {
     if (!a.bundleID.empty()) metadata.bundleIdentifier = a.bundleID;
     if (a.pid != 0) metadata.pid = a.pid;
     if (a.processObjectID != 0) metadata.processObjectID = a.processObjectID;
-    if (auto running = findApplication(a, a.pid != 0)) {
-      if (!metadata.bundleIdentifier) metadata.bundleIdentifier = running->bundleIdentifier;
-      if (!metadata.pid) metadata.pid = running->pid;
-      if (!metadata.processObjectID) metadata.processObjectID = running->processObjectID;
-      if (source.name.empty()) source.name = running->displayName;
-    }
-    if (source.name.empty()) {
-      source.name = metadata.bundleIdentifier.value_or("Application " + std::to_string(a.pid));
-    }
-  } else if (source.type == SourceType::system) {
-    if (source.name.empty()) source.name = "System Audio";
-  } else {
+    source.application = findApplication(a, a.pid != 0);
+  } else if (source.type == SourceType::hardwareInput) {
     if (a.deviceUID.empty())
       throw Failure(Exit::usage, "A hardwareInput source needs --device-uid");
     metadata.deviceUID = a.deviceUID;
     if (!a.inputBackend.empty()) metadata.inputBackend = a.inputBackend;
-    auto input = findAudioDevice(true, a.deviceUID);
-    if (source.name.empty()) source.name = input ? input->name : a.deviceUID;
-    if (a.channels <= 0 && input && input->channelCount > 0) {
-      source.channelCount = input->channelCount;
-    }
+    source.input = findAudioDevice(true, a.deviceUID);
   }
-  in.devices[index].sources.push_back(source);
-  if (!a.noWire) {
-    const DeviceConfig& device = in.devices[index];
-    wireStraightThrough(a.device, {EndpointKind::source, source.id, 0}, source.channelCount,
-                        {EndpointKind::deviceOutput, device.id, 0}, device.channelCount, in);
-  }
-  return source;
+  return ConfigEditor::addSource(a.device, source, !a.noWire, in, makeUUIDString);
 }
 
 MonitorConfig addMonitor(const Arguments& a, ConfigSnapshot& in) {
-  const std::size_t index = ConfigEditor::requireDeviceIndex(a.device, in);
-  const auto output = findAudioDevice(false, a.deviceUID);
-  std::int64_t channels = a.channels;
-  if (channels <= 0) channels = output && output->channelCount > 0 ? output->channelCount : 2;
-  std::string name = a.name;
-  if (name.empty()) name = output ? output->name : a.deviceUID;
-  MonitorConfig monitor{.id = makeUUIDString(),
-                        .name = std::move(name),
-                        .enabled = true,
-                        .muted = false,
-                        .gain = 1.0,
-                        .deviceUID = a.deviceUID,
-                        .channelCount = channels};
-  in.devices[index].monitors.push_back(monitor);
-  if (!a.noWire) {
-    const DeviceConfig& device = in.devices[index];
-    wireStraightThrough(a.device, {EndpointKind::deviceOutput, device.id, 0}, device.channelCount,
-                        {EndpointKind::monitor, monitor.id, 0}, monitor.channelCount, in);
-  }
-  return monitor;
+  ConfigEditor::requireDeviceIndex(a.device, in);
+  return ConfigEditor::addMonitor(a.device,
+                                  {.deviceUID = a.deviceUID,
+                                   .name = a.name,
+                                   .channelCount = a.channels,
+                                   .output = findAudioDevice(false, a.deviceUID)},
+                                  !a.noWire, in, makeUUIDString);
 }
 
 // A level as people write it: "0.8" or "80%" set it; "+10%" and "-10%" add or take ten

@@ -9,8 +9,8 @@
 #include <sstream>
 
 #include "brisola/model/enum_cases.hpp"
+#include "brisola/model/json_coding.hpp"
 #include "brisolactl/ctl.hpp"
-#include "model/config_json.hpp"
 
 namespace brisola::ctl {
 
@@ -58,13 +58,6 @@ std::string endpoint(const WireEndpoint& end) {
   return std::string(enumName(end.kind)) + ":" + end.ownerID + ":" + std::to_string(end.channel);
 }
 
-template <class Element>
-json::Json array(const std::vector<Element>& elements) {
-  json::Json result = json::Json::array();
-  for (const Element& element : elements) result.push_back(json::toJSON(element));
-  return result;
-}
-
 struct ListOptions {
   std::string device;
   bool json = false;
@@ -74,8 +67,10 @@ struct ListOptions {
 
 void addListCommands(CLI::App& app, Context& context) {
   auto options = std::make_shared<ListOptions>();
-  // The command's rows, or its JSON when that is wanted.
-  using Lister = std::function<std::pair<std::vector<Row>, json::Json>(const ConfigSnapshot&)>;
+  // The command's rows, and its JSON written only when wanted: a table shows numbers that JSON
+  // cannot carry.
+  using Lister = std::function<std::pair<std::vector<Row>, std::function<std::string()>>(
+      const ConfigSnapshot&)>;
   const auto list = [&app, &context, options](const std::string& group, const std::string& what,
                                               bool inDevice, Lister lister) {
     CLI::App* parent = app.get_subcommand(group);
@@ -91,13 +86,13 @@ void addListCommands(CLI::App& app, Context& context) {
       const ConfigSnapshot snapshot = context.loadDocument();
       const auto [rows, array] = lister(snapshot);
       if (options->json || ::isatty(STDOUT_FILENO) == 0) {
-        print(json::dump(array));
+        print(array());
       } else {
         std::cout << table(rows);
       }
     });
   };
-  const auto device = [options](const ConfigSnapshot& in) {
+  const auto device = [options](const ConfigSnapshot& in) -> const DeviceConfig& {
     const std::string id = Naming::device(options->device, in);
     auto it = std::find_if(in.devices.begin(), in.devices.end(),
                            [&](const DeviceConfig& d) { return d.id == id; });
@@ -114,31 +109,31 @@ void addListCommands(CLI::App& app, Context& context) {
                       std::to_string(d.monitors.size()),
                       in.ui.selectedDeviceID == d.id ? "*" : ""});
     }
-    return std::pair(rows, array(in.devices));
+    return std::pair(rows, [&in] { return encodeJSON(in.devices); });
   });
   list("source", "a device's sources", true, [device](const ConfigSnapshot& in) {
-    const DeviceConfig d = device(in);
+    const DeviceConfig& d = device(in);
     std::vector<Row> rows{{"ID", "NAME", "TYPE", "ENABLED", "MUTED", "GAIN", "CHANNELS"}};
     for (const SourceConfig& s : d.sources) {
       rows.push_back({s.id, s.name, std::string(enumName(s.type)), yesNo(s.enabled), yesNo(s.muted),
                       number(s.gain), std::to_string(s.channelCount)});
     }
-    return std::pair(rows, array(d.sources));
+    return std::pair(rows, [&d] { return encodeJSON(d.sources); });
   });
   list("monitor", "a device's monitors", true, [device](const ConfigSnapshot& in) {
-    const DeviceConfig d = device(in);
+    const DeviceConfig& d = device(in);
     std::vector<Row> rows{{"ID", "NAME", "OUTPUT", "ENABLED", "MUTED", "GAIN", "CHANNELS"}};
     for (const MonitorConfig& m : d.monitors) {
       rows.push_back({m.id, m.name, m.deviceUID, yesNo(m.enabled), yesNo(m.muted), number(m.gain),
                       std::to_string(m.channelCount)});
     }
-    return std::pair(rows, array(d.monitors));
+    return std::pair(rows, [&d] { return encodeJSON(d.monitors); });
   });
   list("wire", "a device's wires", true, [device](const ConfigSnapshot& in) {
-    const DeviceConfig d = device(in);
+    const DeviceConfig& d = device(in);
     std::vector<Row> rows{{"ID", "FROM", "TO"}};
     for (const Wire& w : d.wires) rows.push_back({w.id, endpoint(w.from), endpoint(w.to)});
-    return std::pair(rows, array(d.wires));
+    return std::pair(rows, [&d] { return encodeJSON(d.wires); });
   });
 }
 

@@ -2,28 +2,16 @@
 // meter, status.
 
 #include <algorithm>
-#include <chrono>
-#include <ctime>
 #include <iostream>
 
 #include "brisola/runtime/control_store.hpp"
 #include "brisola/runtime/heartbeat.hpp"
 #include "brisola/runtime/meter_store.hpp"
 #include "brisolactl/ctl.hpp"
-#include "model/json_support.hpp"
 
 namespace brisola::ctl {
 
 namespace {
-
-std::string utcText(ServiceHeartbeat::Clock::time_point time) {
-  const std::time_t seconds = ServiceHeartbeat::Clock::to_time_t(time);
-  std::tm utc{};
-  ::gmtime_r(&seconds, &utc);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return text;
-}
 
 struct MeterOptions {
   std::string owner;
@@ -112,19 +100,10 @@ void addRuntimeCommands(CLI::App& app, Context& context) {
                      "Tells whether the service is alive: its heartbeat file moved in the last "
                      "10 seconds. Exit 0 when alive, 1 when not.")
       ->callback([&context] {
-        const auto fileManager = FileManager::defaultManager();
-        const auto now = ServiceHeartbeat::Clock::now();
-        const auto url = BrisolaCore::serviceHeartbeatFileURL(*fileManager);
-        const auto last = url ? ServiceHeartbeat::lastBeat(*url, *fileManager) : std::nullopt;
-        const bool fresh = url && ServiceHeartbeat::isFresh(*url, now, *fileManager);
-        json::Json status{{"alive", fresh},
-                          {"heartbeatFile", url ? json::Json(url->string()) : json::Json()},
-                          {"lastBeat", last ? json::Json(utcText(*last)) : json::Json()}};
-        if (last) {
-          status["secondsSinceLastBeat"] = std::chrono::duration<double>(now - *last).count();
-        }
-        print(json::dump(status));
-        context.status = fresh ? Exit::success : Exit::negative;
+        const auto status = ServiceHeartbeat::status(ServiceHeartbeat::Clock::now(),
+                                                     *FileManager::defaultManager());
+        print(encodeJSON(status));
+        context.status = status.alive ? Exit::success : Exit::negative;
       });
 }
 

@@ -22,11 +22,11 @@ void rewirePassThruSource(DeviceConfig& device) {
     return wire.from.kind == EndpointKind::source && wire.from.ownerID == sourceID &&
            wire.to.kind == EndpointKind::deviceOutput && wire.to.ownerID == device.id;
   });
-  for (std::int64_t channel = 1; channel <= device.channelCount; ++channel) {
-    device.wires.push_back(Wire{.id = makeUUIDString(),
-                                .from = {EndpointKind::source, sourceID, channel},
-                                .to = {EndpointKind::deviceOutput, device.id, channel}});
-  }
+  std::vector<Wire> wires =
+      channelForChannelWires(EndpointKind::source, sourceID, EndpointKind::deviceOutput, device.id,
+                             device.channelCount, makeUUIDString);
+  device.wires.insert(device.wires.end(), std::make_move_iterator(wires.begin()),
+                      std::make_move_iterator(wires.end()));
 }
 
 }  // namespace

@@ -49,6 +49,17 @@ void validateWireEndpoint(const WireEndpoint& endpoint, const DeviceConfig& devi
   if (!valid) throw ConfigEditError::invalidWireEndpoint(endpoint);
 }
 
+// Built aside and moved in, so the document is untouched if appending fails.
+template <class Element>
+void appendWithWires(DeviceConfig& device, std::vector<Element> DeviceConfig::*elements,
+                     const Element& element, std::vector<Wire> wires) {
+  DeviceConfig updated = device;
+  (updated.*elements).push_back(element);
+  updated.wires.insert(updated.wires.end(), std::make_move_iterator(wires.begin()),
+                       std::make_move_iterator(wires.end()));
+  device = std::move(updated);
+}
+
 }  // namespace
 
 Wire ConfigEditor::connectWire(std::string_view deviceID, const WireEndpoint& from,
@@ -168,20 +179,96 @@ SourceConfig ConfigEditor::addVirtualDeviceSource(std::string_view deviceID,
   const std::int64_t wireCount =
       std::max<std::int64_t>(std::min(source.channelCount, device.channelCount), 1);
   if (wireCount > maximumChannelCount) throw ConfigEditError::channelCountOutOfRange(wireCount);
-  std::vector<Wire> wires;
-  wires.reserve(static_cast<std::size_t>(wireCount));
-  for (std::int64_t channel = 1; channel <= wireCount; ++channel) {
-    wires.push_back(Wire{.id = idFactory(),
-                         .from = {EndpointKind::source, source.id, channel},
-                         .to = {EndpointKind::deviceOutput, std::string(deviceID), channel}});
-  }
-
-  DeviceConfig updated = device;
-  updated.sources.push_back(source);
-  updated.wires.insert(updated.wires.end(), std::make_move_iterator(wires.begin()),
-                       std::make_move_iterator(wires.end()));
-  device = std::move(updated);
+  std::vector<Wire> wires = channelForChannelWires(
+      EndpointKind::source, source.id, EndpointKind::deviceOutput, deviceID, wireCount, idFactory);
+  appendWithWires(device, &DeviceConfig::sources, source, std::move(wires));
   return source;
+}
+
+namespace {
+
+// A new element's channel count: the one given, else the found device's, else two.
+std::int64_t newChannelCount(std::int64_t given, const std::optional<AudioDeviceInfo>& found) {
+  if (given > 0) return given;
+  return found && found->channelCount > 0 ? found->channelCount : 2;
+}
+
+// Checked before the factory is asked for the element's id.
+std::int64_t newWireCount(bool wired, std::int64_t elementChannels, std::int64_t deviceChannels) {
+  const std::int64_t count = wired ? std::min(elementChannels, deviceChannels) : 0;
+  if (count > ConfigEditor::maximumChannelCount)
+    throw ConfigEditError::channelCountOutOfRange(count);
+  return count;
+}
+
+}  // namespace
+
+SourceConfig ConfigEditor::addSource(std::string_view deviceID, const NewSource& request,
+                                     bool wired, ConfigSnapshot& in, const IdFactory& idFactory) {
+  DeviceConfig& device = editing::requireDeviceRef(deviceID, in);
+  SourceConfig source{.type = request.type,
+                      .name = request.name,
+                      .enabled = true,
+                      .muted = false,
+                      .gain = 1.0,
+                      .channelCount = newChannelCount(request.channelCount, std::nullopt),
+                      .metadata = request.metadata};
+  SourceMetadata& metadata = source.metadata;
+  switch (request.type) {
+    case SourceType::application:
+      if (const auto& running = request.application) {
+        if (!metadata.bundleIdentifier) metadata.bundleIdentifier = running->bundleIdentifier;
+        if (!metadata.pid) metadata.pid = running->pid;
+        if (!metadata.processObjectID) metadata.processObjectID = running->processObjectID;
+        if (source.name.empty()) source.name = running->displayName;
+      }
+      if (source.name.empty()) {
+        source.name = metadata.bundleIdentifier.value_or("Application " +
+                                                         std::to_string(metadata.pid.value_or(0)));
+      }
+      break;
+    case SourceType::system:
+      if (source.name.empty()) source.name = "System Audio";
+      break;
+    case SourceType::hardwareInput:
+      if (source.name.empty()) {
+        source.name = request.input ? request.input->name : metadata.deviceUID.value_or("");
+      }
+      source.channelCount = newChannelCount(request.channelCount, request.input);
+      break;
+    case SourceType::passThru:
+    case SourceType::virtualDevice:
+      break;
+  }
+  const std::int64_t wireCount = newWireCount(wired, source.channelCount, device.channelCount);
+
+  source.id = idFactory();
+  std::vector<Wire> wires = channelForChannelWires(
+      EndpointKind::source, source.id, EndpointKind::deviceOutput, deviceID, wireCount, idFactory);
+  appendWithWires(device, &DeviceConfig::sources, source, std::move(wires));
+  return source;
+}
+
+MonitorConfig ConfigEditor::addMonitor(std::string_view deviceID, const NewMonitor& request,
+                                       bool wired, ConfigSnapshot& in, const IdFactory& idFactory) {
+  DeviceConfig& device = editing::requireDeviceRef(deviceID, in);
+  const auto& output = request.output;
+  MonitorConfig monitor{.name = !request.name.empty() ? request.name
+                                : output              ? output->name
+                                                      : request.deviceUID,
+                        .enabled = true,
+                        .muted = false,
+                        .gain = 1.0,
+                        .deviceUID = request.deviceUID,
+                        .channelCount = newChannelCount(request.channelCount, output)};
+  const std::int64_t wireCount = newWireCount(wired, monitor.channelCount, device.channelCount);
+
+  monitor.id = idFactory();
+  std::vector<Wire> wires =
+      channelForChannelWires(EndpointKind::deviceOutput, deviceID, EndpointKind::monitor,
+                             monitor.id, wireCount, idFactory);
+  appendWithWires(device, &DeviceConfig::monitors, monitor, std::move(wires));
+  return monitor;
 }
 
 }  // namespace brisola

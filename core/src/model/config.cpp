@@ -1,5 +1,7 @@
 #include "brisola/model/config.hpp"
 
+#include <algorithm>
+
 namespace brisola {
 
 std::string BrisolaCore::OperatingSystemVersion::description() const {
@@ -11,6 +13,19 @@ std::string BrisolaCore::derivedDeviceUID(std::string_view deviceID) {
   std::string uid(derivedDeviceUIDPrefix);
   uid.append(deviceID);
   return uid;
+}
+
+std::vector<Wire> channelForChannelWires(EndpointKind fromKind, std::string_view fromOwnerID,
+                                         EndpointKind toKind, std::string_view toOwnerID,
+                                         std::int64_t channelCount, const IdFactory& idFactory) {
+  std::vector<Wire> wires;
+  wires.reserve(static_cast<std::size_t>(std::max<std::int64_t>(channelCount, 0)));
+  for (std::int64_t channel = 1; channel <= channelCount; ++channel) {
+    wires.push_back(Wire{.id = idFactory(),
+                         .from = {fromKind, std::string(fromOwnerID), channel},
+                         .to = {toKind, std::string(toOwnerID), channel}});
+  }
+  return wires;
 }
 
 ConfigSnapshot ConfigSnapshot::empty() {
@@ -35,13 +50,8 @@ DeviceConfig DeviceConfig::makeDefault(std::string name, double sampleRate,
       .muteWhenCapturing = false,
       .metadata = {},
   };
-  auto passThruWire = [&](std::int64_t channel) {
-    return Wire{.id = idFactory(),
-                .from = {EndpointKind::source, sourceID, channel},
-                .to = {EndpointKind::deviceOutput, deviceID, channel}};
-  };
-  Wire first = passThruWire(1);
-  Wire second = passThruWire(2);
+  std::vector<Wire> wires = channelForChannelWires(
+      EndpointKind::source, sourceID, EndpointKind::deviceOutput, deviceID, 2, idFactory);
   return DeviceConfig{
       .id = deviceID,
       .name = std::move(name),
@@ -54,7 +64,7 @@ DeviceConfig DeviceConfig::makeDefault(std::string name, double sampleRate,
       .icon = std::string(BrisolaCore::defaultDeviceIcon),
       .sources = {std::move(source)},
       .monitors = {},
-      .wires = {std::move(first), std::move(second)},
+      .wires = std::move(wires),
   };
 }
 

@@ -275,6 +275,18 @@ std::string encodeJSON(const MonitorConfig& monitor) {
 std::string encodeJSON(const Wire& wire) {
   return json::dump(json::toJSON(wire));
 }
+std::string encodeJSON(const std::vector<DeviceConfig>& devices) {
+  return json::dump(json::listToJSON(devices));
+}
+std::string encodeJSON(const std::vector<SourceConfig>& sources) {
+  return json::dump(json::listToJSON(sources));
+}
+std::string encodeJSON(const std::vector<MonitorConfig>& monitors) {
+  return json::dump(json::listToJSON(monitors));
+}
+std::string encodeJSON(const std::vector<Wire>& wires) {
+  return json::dump(json::listToJSON(wires));
+}
 
 DeviceConfig decodeJSON(std::string_view bytes, JSONTag<DeviceConfig>) {
   return json::decodeRecord<DeviceConfig>(

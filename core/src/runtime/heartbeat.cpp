@@ -1,8 +1,10 @@
 #include "brisola/runtime/heartbeat.hpp"
 
+#include <ctime>
 #include <exception>
 
 #include "brisola/model/config.hpp"
+#include "model/json_support.hpp"
 
 namespace brisola {
 
@@ -66,6 +68,40 @@ bool isFresh(const fs::path& at, Clock::time_point now) {
   return isFresh(at, now, *FileManager::defaultManager());
 }
 
+Status status(Clock::time_point now, const FileManager& fileManager) {
+  Status status;
+  status.file = BrisolaCore::serviceHeartbeatFileURL(fileManager);
+  if (!status.file) return status;
+  status.lastBeat = lastBeat(*status.file, fileManager);
+  status.alive = isFresh(*status.file, now, fileManager);
+  if (status.lastBeat) {
+    status.secondsSinceLastBeat = std::chrono::duration<double>(now - *status.lastBeat).count();
+  }
+  return status;
+}
+
 }  // namespace ServiceHeartbeat
+
+namespace {
+
+std::string utcText(ServiceHeartbeat::Clock::time_point time) {
+  const std::time_t seconds = ServiceHeartbeat::Clock::to_time_t(time);
+  std::tm utc{};
+  ::gmtime_r(&seconds, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
+}  // namespace
+
+std::string encodeJSON(const ServiceHeartbeat::Status& status) {
+  json::Json object{
+      {"alive", status.alive},
+      {"heartbeatFile", status.file ? json::Json(status.file->string()) : json::Json()},
+      {"lastBeat", status.lastBeat ? json::Json(utcText(*status.lastBeat)) : json::Json()}};
+  json::putOptional(object, "secondsSinceLastBeat", status.secondsSinceLastBeat);
+  return json::dump(object);
+}
 
 }  // namespace brisola

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "brisola/ipc/exchange_records.hpp"
 #include "brisola/model/config.hpp"
 
 namespace brisola {
@@ -149,6 +150,46 @@ bool wouldCreateNestedDeviceCycle(std::string_view parentID, std::string_view ne
 // for the source, then once per wire in channel order, and never when a check fails.
 SourceConfig addVirtualDeviceSource(std::string_view deviceID, std::string_view sourceDeviceID,
                                     ConfigSnapshot& in, const IdFactory& idFactory);
+
+// A source or monitor to add, as a front end describes it. An empty name and a channel count
+// below 1 are not given: what the hardware layer found fills them in, else a default.
+struct NewSource {
+  SourceType type = SourceType::system;
+  std::string name;
+  std::int64_t channelCount = 0;
+  SourceMetadata metadata;
+  // The running application of an application source, the input device of a hardwareInput
+  // source, when the hardware layer knows it; ignored for other types.
+  std::optional<ApplicationSourceCandidate> application;
+  std::optional<AudioDeviceInfo> input;
+  bool operator==(const NewSource&) const = default;
+};
+
+struct NewMonitor {
+  std::string deviceUID;
+  std::string name;
+  std::int64_t channelCount = 0;
+  // The output device with that UID, when the hardware layer knows it.
+  std::optional<AudioDeviceInfo> output;
+  bool operator==(const NewMonitor&) const = default;
+};
+
+// Append to deviceID an enabled, unmuted source (monitor) at unity gain and, when `wired`,
+// wire it channel for channel to (from) the device's output on the channels both have. A count
+// is the one given, else the found device's when positive, else 2. idFactory is called once for
+// the element, then once per wire in channel order, and never when a check fails; more wires
+// than maximumChannelCount are channelCountOutOfRange. Metadata is stored as given, unchecked:
+// a source without identity is the validator's to report.
+//
+// An application source takes the metadata it lacks from the running application and is
+// named after it, else after its bundle identifier, else "Application <pid>". A system source
+// is named "System Audio". A hardwareInput source is named after its input device, else after
+// its device UID, and only it takes the input's channel count.
+SourceConfig addSource(std::string_view deviceID, const NewSource& source, bool wired,
+                       ConfigSnapshot& in, const IdFactory& idFactory);
+// Named after the output device, else after its UID.
+MonitorConfig addMonitor(std::string_view deviceID, const NewMonitor& monitor, bool wired,
+                         ConfigSnapshot& in, const IdFactory& idFactory);
 
 // Replaces any earlier benchmark device with a fresh two-channel device fed by one hardware
 // input on two adjacent channels starting at sourceFirstChannel, appends it at the end of the

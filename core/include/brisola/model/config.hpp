@@ -145,6 +145,12 @@ struct Wire {
   bool operator==(const Wire&) const = default;
 };
 
+// Wires channel c of one owner to channel c of another, c = 1...channelCount (none below 1),
+// taking one id from idFactory per wire in channel order.
+std::vector<Wire> channelForChannelWires(EndpointKind fromKind, std::string_view fromOwnerID,
+                                         EndpointKind toKind, std::string_view toOwnerID,
+                                         std::int64_t channelCount, const IdFactory& idFactory);
+
 struct DeviceConfig {
   std::string id;
   std::string name;

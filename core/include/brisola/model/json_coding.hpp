@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "brisola/model/config.hpp"
 
@@ -64,6 +65,11 @@ std::string encodeJSON(const DeviceConfig& device);
 std::string encodeJSON(const SourceConfig& source);
 std::string encodeJSON(const MonitorConfig& monitor);
 std::string encodeJSON(const Wire& wire);
+// Lists, as JSON arrays of the records' forms.
+std::string encodeJSON(const std::vector<DeviceConfig>& devices);
+std::string encodeJSON(const std::vector<SourceConfig>& sources);
+std::string encodeJSON(const std::vector<MonitorConfig>& monitors);
+std::string encodeJSON(const std::vector<Wire>& wires);
 ConfigSnapshot decodeJSON(std::string_view bytes, JSONTag<ConfigSnapshot>);
 DeviceConfig decodeJSON(std::string_view bytes, JSONTag<DeviceConfig>);
 SourceConfig decodeJSON(std::string_view bytes, JSONTag<SourceConfig>);

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 #include <optional>
+#include <string>
 
 #include "brisola/platform/file_manager.hpp"
 
@@ -40,6 +41,21 @@ bool isFresh(const std::filesystem::path& at, Clock::time_point now,
              const FileManager& fileManager);
 bool isFresh(const std::filesystem::path& at, Clock::time_point now);
 
+// What the heartbeat at the default location says at one moment; no file when the file
+// manager knows no location.
+struct Status {
+  bool alive = false;
+  std::optional<std::filesystem::path> file;
+  std::optional<Clock::time_point> lastBeat;
+  std::optional<double> secondsSinceLastBeat;
+  bool operator==(const Status&) const = default;
+};
+Status status(Clock::time_point now, const FileManager& fileManager);
+
 }  // namespace ServiceHeartbeat
+
+// "alive", and "heartbeatFile" and "lastBeat" (UTC, to the second) as null when absent;
+// "secondsSinceLastBeat" only with a last beat.
+std::string encodeJSON(const ServiceHeartbeat::Status& status);
 
 }  // namespace brisola
