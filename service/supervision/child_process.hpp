@@ -48,6 +48,9 @@ class ProcessLauncher {
   // environment. Reports failure in the result; never throws for a launch that fails.
   virtual LaunchResult launch(const std::filesystem::path& executable,
                               const EnvironmentMap& environment) = 0;
+  // Whether any child may have ended and not been collected yet. While the answer is no, every
+  // helper is known to run without asking each one; a launcher that cannot tell says yes.
+  virtual bool anyChildMayHaveEnded() { return true; }
 };
 
 }  // namespace brisola

@@ -36,7 +36,8 @@ void ManagedRoute::start(const EnvironmentMap& baseEnvironment) {
   }
 }
 
-void ManagedRoute::ensureRunning(const EnvironmentMap& baseEnvironment) {
+void ManagedRoute::ensureRunning(const EnvironmentMap& baseEnvironment, bool mayHaveEnded) {
+  if (process_ && !mayHaveEnded) return;
   const Clock::time_point now = clock_.now();
   if (process_) {
     if (process_->isRunning()) return;

@@ -41,8 +41,8 @@ class ManagedRoute {
   void start(const EnvironmentMap& baseEnvironment);
   // Notices an exit (logged with its status, back-off from now) and starts the helper when
   // none is running and its next start date has come. A helper that has just exited is never
-  // restarted in the same call.
-  void ensureRunning(const EnvironmentMap& baseEnvironment);
+  // restarted in the same call. Without `mayHaveEnded` a running helper is taken at its word.
+  void ensureRunning(const EnvironmentMap& baseEnvironment, bool mayHaveEnded = true);
   // Asks a running helper to terminate and hands it to the reaper, without waiting; logs
   // "Stopping " + summary + ": " + reason. Without a process nothing is logged.
   void stop(std::string_view reason);

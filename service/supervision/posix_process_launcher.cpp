@@ -135,8 +135,25 @@ LaunchError launchError(const std::filesystem::path& executable, int error) {
 
 }  // namespace
 
+bool PosixProcessLauncher::anyChildMayHaveEnded() {
+  siginfo_t info{};
+  int result = 0;
+  do {
+    result = ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT);
+  } while (result == -1 && errno == EINTR);
+  // No children at all (ECHILD) while helpers are believed to run: let them find out.
+  return result == -1 || info.si_pid != 0;
+}
+
 LaunchResult PosixProcessLauncher::launch(const std::filesystem::path& executable,
                                           const EnvironmentMap& environment) {
+  // Ended children must stay until collected, statuses and all: a SIGCHLD ignored by whoever
+  // started this process would have the kernel drop them unseen.
+  struct sigaction childSignal {};
+  if (::sigaction(SIGCHLD, nullptr, &childSignal) == 0 && childSignal.sa_handler == SIG_IGN) {
+    childSignal.sa_handler = SIG_DFL;
+    ::sigaction(SIGCHLD, &childSignal, nullptr);
+  }
   std::string path = executable.string();
   std::vector<char*> arguments{path.data(), nullptr};
   std::vector<std::string> entries;

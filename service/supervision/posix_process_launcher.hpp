@@ -18,6 +18,8 @@ class PosixProcessLauncher final : public ProcessLauncher {
  public:
   LaunchResult launch(const std::filesystem::path& executable,
                       const EnvironmentMap& environment) override;
+  // One waitid over all children, which leaves them to be collected by their handles.
+  bool anyChildMayHaveEnded() override;
 
   // A process-wide instance; the launcher has no state.
   static PosixProcessLauncher& shared();

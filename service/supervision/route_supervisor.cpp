@@ -65,13 +65,19 @@ void RouteSupervisor::reconcile(const std::vector<DesiredRoute>& desired) {
     routes_.try_emplace(route->key, *route, launcher_, clock_, reaper_);
   }
 
-  for (auto& [key, managed] : routes_) managed.ensureRunning(environment_);
+  startPass();
 }
 
 void RouteSupervisor::keepRunning() {
   reaper_.collect();
   for (const auto& line : duplicateLines_) BrisolaServiceLog::write(line);
-  for (auto& [key, managed] : routes_) managed.ensureRunning(environment_);
+  startPass();
+}
+
+void RouteSupervisor::startPass() {
+  // One question to the system instead of one per helper, while none has ended.
+  const bool mayHaveEnded = launcher_.anyChildMayHaveEnded();
+  for (auto& [key, managed] : routes_) managed.ensureRunning(environment_, mayHaveEnded);
 }
 
 void RouteSupervisor::stopAllRoutes() {

@@ -51,6 +51,8 @@ class RouteSupervisor {
   std::size_t terminatingHelperCount() const { return reaper_.count(); }
 
  private:
+  void startPass();
+
   EnvironmentMap environment_;
   ProcessLauncher& launcher_;
   Clock& clock_;

@@ -179,6 +179,29 @@ TEST(PosixProcessLauncherTest, TerminationStatusIsExitCodeOrSignalNumber) {
   EXPECT_TRUE(hasNoChildren());
 }
 
+// The supervisor asks once per cycle whether any helper ended; a wrong "no" would leave an
+// exited helper unnoticed, and an ignored SIGCHLD inherited from our parent would make every
+// such answer wrong.
+TEST(PosixProcessLauncherTest, OneLookTellsWhetherAnyChildEndedEvenUnderAnIgnoredSigchld) {
+  TempDir dir;
+  struct sigaction ignore {
+  }, previous{};
+  ignore.sa_handler = SIG_IGN;
+  ::sigaction(SIGCHLD, &ignore, &previous);
+  auto& launcher = PosixProcessLauncher::shared();
+  auto running = launchOrFail(writeScript(dir, "running", "exec sleep 30\n"));
+  auto ending = launchOrFail(writeScript(dir, "ending", "exit 3\n"));
+  ASSERT_TRUE(running && ending);
+  ASSERT_TRUE(eventually([&] { return launcher.anyChildMayHaveEnded(); }));
+  EXPECT_FALSE(ending->isRunning());
+  EXPECT_EQ(ending->terminationStatus(), 3) << "the status was lost";
+  EXPECT_FALSE(launcher.anyChildMayHaveEnded()) << "only a running child is left";
+  running->kill();
+  EXPECT_TRUE(eventually([&] { return launcher.anyChildMayHaveEnded(); }));
+  EXPECT_FALSE(running->isRunning());
+  ::sigaction(SIGCHLD, &previous, nullptr);
+}
+
 TEST(PosixProcessLauncherTest, FailedLaunchNamesTheFileAndTheSystemError) {
   TempDir dir;
   const auto notExecutable = testing::writeExecutable(dir / "brisola-monitor", "#!/bin/sh\n", 0600);
