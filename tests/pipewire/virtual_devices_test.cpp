@@ -28,37 +28,13 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using testing::AudioProbe;
+using testing::expectLevels;
 using testing::sineLevel;
-
-constexpr double silence = -90;
 
 RuntimeDeviceControls device(std::string uid,
                              std::vector<RuntimeChannelRoute> routes = {{1, 1}, {2, 2}}) {
   return RuntimeDeviceControls(uid, "Device " + uid, "waveform.circle", 2, true, 1.0f, {}, true,
                                false, 1.0f, std::move(routes));
-}
-
-bool matches(const std::vector<double>& measured, const std::vector<double>& amplitudes) {
-  for (std::size_t c = 0; c < amplitudes.size(); ++c) {
-    if (amplitudes[c] == 0 ? measured[c] >= silence
-                           : std::abs(measured[c] - sineLevel(amplitudes[c])) > 0.1) {
-      return false;
-    }
-  }
-  return true;
-}
-
-// Each measured level within 0.1 dB of a sine of the expected amplitude, or silent for 0.
-void expectLevels(const std::vector<double>& measured, const std::vector<double>& amplitudes) {
-  ASSERT_EQ(measured.size(), amplitudes.size());
-  for (std::size_t c = 0; c < measured.size(); ++c) {
-    SCOPED_TRACE("channel " + std::to_string(c + 1));
-    if (amplitudes[c] == 0) {
-      EXPECT_LT(measured[c], silence);
-    } else {
-      EXPECT_NEAR(measured[c], sineLevel(amplitudes[c]), 0.1);
-    }
-  }
 }
 
 // The levels of 100 ms of sound after `settle`. A loaded machine may drop a graph cycle now
@@ -68,7 +44,7 @@ std::vector<double> settled(const AudioProbe::Recorder& recorder,
                             const std::vector<double>& amplitudes,
                             std::chrono::milliseconds settle = 150ms) {
   auto levels = recorder.levelsAfter(settle, 100ms);
-  for (int retry = 0; retry < 2 && !matches(levels, amplitudes); ++retry) {
+  for (int retry = 0; retry < 2 && !testing::levelsMatch(levels, amplitudes); ++retry) {
     levels = recorder.levelsAfter(0ms, 100ms);
   }
   return levels;
