@@ -1,10 +1,8 @@
 // brisola-virtual-devices on a private PipeWire, fed by the real publisher: what comes out of
 // each device, measured in recorded sound.
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,6 +15,7 @@
 #include "brisola/devices/core_audio_device_registry.hpp"
 #include "brisola/runtime/control_store.hpp"
 #include "brisola/runtime/meter_store.hpp"
+#include "runtime/shm_test_support.hpp"
 #include "support/audio_probe.hpp"
 #include "support/private_pipewire.hpp"
 #include "support/process_runner.hpp"
@@ -264,14 +263,9 @@ TEST_F(VirtualDevices, BlockStatesAreLoggedOnceAndAStopRemovesEverything) {
   ASSERT_TRUE(testing::eventually(
       [&] { return programLog().find("No control block") != std::string::npos; }, 5s, 10ms));
   // A block of another layout version: the magic, version 5, size, even sequence.
-  {
-    const int fd = ::shm_open("/brisolaruntime3", O_RDWR | O_CREAT, 0666);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::ftruncate(fd, 65536), 0);
-    const std::uint32_t header[] = {0x5354524B, 5, 65536, 2};
-    ASSERT_EQ(::pwrite(fd, header, sizeof header, 0), static_cast<ssize_t>(sizeof header));
-    ::close(fd);
-  }
+  testing::ShmObject block("/brisolaruntime3", 65536);
+  const std::uint32_t header[] = {0x5354524B, 5, 65536, 2};
+  for (std::size_t i = 0; i < 4; ++i) block.setU32(4 * i, header[i]);
   ASSERT_TRUE(testing::eventually(
       [&] { return programLog().find("Cannot use the control block") != std::string::npos; }, 5s,
       10ms));
