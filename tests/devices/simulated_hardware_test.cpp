@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <filesystem>
@@ -21,12 +22,6 @@ using testing::TempDir;
 using testing::writeFile;
 
 constexpr const char* kVariable = "BRISOLA_HARDWARE_SIMULATION";
-
-std::vector<std::string> names(const std::vector<AudioDeviceInfo>& devices) {
-  std::vector<std::string> result;
-  for (const auto& device : devices) result.push_back(device.name);
-  return result;
-}
 
 // Replaces the file in one step, as a user swapping hardware files under a running service
 // would.
@@ -121,7 +116,8 @@ TEST_F(SimulatedHardwareTest, OneSnapshotIsOneReadAndKeepsItsViewWhileTheFileCha
   replaceFile(file_, R"({"devices": [{"objectID": 41, "uid": "New", "name": "New",
                                       "outputStreams": [2]}]})");
 
-  EXPECT_THAT(names(CoreAudioDeviceRegistry::deviceInventory(*before).outputs), ElementsAre("Old"));
+  EXPECT_THAT(CoreAudioDeviceRegistry::deviceInventory(*before).outputs,
+              ElementsAre(::testing::Field(&AudioDeviceInfo::name, "Old")));
   EXPECT_THAT(CoreAudioDeviceRegistry::allDeviceUIDs(*before), ElementsAre("Old"));
   EXPECT_EQ(files->reads, 1);
   EXPECT_THAT(CoreAudioDeviceRegistry::allDeviceUIDs(*backend->snapshot()), ElementsAre("New"));
@@ -139,6 +135,7 @@ TEST_F(SimulatedHardwareTest, BrokenOrMissingHardwareGivesEmptyAnswersAndSaysWhy
       {std::nullopt, std::nullopt, {"No PipeWire", "<dir>"}},
       {f, std::nullopt, {f, "No such file or directory"}},
       {"<dir>", std::nullopt, {"<dir>", "Is a directory"}},
+      {f, "<fifo>", {f, "Invalid argument"}},  // read without blocking
       {f, "{\"devices\": [", {f, "is malformed", "not valid JSON"}},
       {f, "[]", {"is malformed", "the top level", "an object"}},
       {f, R"({"devices": [{"uid": "x"}]})", {"devices[0].objectID", "required key is missing"}},
@@ -172,7 +169,11 @@ TEST_F(SimulatedHardwareTest, BrokenOrMissingHardwareGivesEmptyAnswersAndSaysWhy
       }
       return text;
     };
-    if (row.contents) writeFile(file, *row.contents);
+    if (row.contents == "<fifo>") {
+      ::mkfifo(file.c_str(), 0600);
+    } else if (row.contents) {
+      writeFile(file, *row.contents);
+    }
     ScopedEnvironment simulation(
         kVariable, row.variable ? std::optional(resolve(*row.variable)) : std::nullopt);
     ScopedEnvironment noServer("PIPEWIRE_RUNTIME_DIR", dir.path().string());

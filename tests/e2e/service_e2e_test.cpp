@@ -259,19 +259,6 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
   return testing::eventually(condition, limit, 20ms);
 }
 
-// FIFOs as the document and as the hardware file used to block the service in open() for ever,
-// deaf to SIGTERM. Now each cycle fails at once, and a stop ends the service.
-TEST_F(ServiceProcess, FifoDocumentFailsEachCycleAndAStopIsHeard) {
-  fs::remove(dir_ / "hardware.json");
-  ASSERT_EQ(::mkfifo((dir_ / "config.json").c_str(), 0600), 0);
-  ASSERT_EQ(::mkfifo((dir_ / "hardware.json").c_str(), 0600), 0);
-  auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
-  EXPECT_TRUE(service->waitForOutput("Reconcile failed: ", 5s, 3)) << service->standardOutput();
-  service->signal(SIGTERM);
-  EXPECT_EQ(service->waitFor(10s), 0);
-  EXPECT_THAT(service->standardOutput(), HasSubstr("not a regular file"));
-}
-
 // Another local user truncates and removes the control block again and again while the service
 // publishes every 10 ms and brisolactl reads it: neither is killed, and the block is whole again
 // once the storm is over.

@@ -7,7 +7,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
@@ -22,7 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using testing::AudioProbe;
-using testing::sineLevel;
+using testing::expectLevels;
 
 constexpr auto pollInterval = 500ms;
 
@@ -83,29 +82,9 @@ class RoutedSound : public ::testing::Test {
                                     std::chrono::milliseconds limit = 10s) {
     std::vector<double> levels;
     testing::eventually(
-        [&] {
-          levels = recorder.recentLevels(100ms);
-          for (std::size_t c = 0; c < amplitudes.size(); ++c) {
-            const bool silent = amplitudes[c] == 0;
-            if (silent ? levels[c] >= -90 : std::abs(levels[c] - sineLevel(amplitudes[c])) > 0.1) {
-              return false;
-            }
-          }
-          return true;
-        },
+        [&] { return testing::levelsMatch(levels = recorder.recentLevels(100ms), amplitudes); },
         limit, 20ms);
     return levels;
-  }
-
-  void expectLevels(const std::vector<double>& levels, const std::vector<double>& amplitudes) {
-    for (std::size_t c = 0; c < amplitudes.size(); ++c) {
-      SCOPED_TRACE("channel " + std::to_string(c + 1));
-      if (amplitudes[c] == 0) {
-        EXPECT_LT(levels[c], -90);
-      } else {
-        EXPECT_NEAR(levels[c], sineLevel(amplitudes[c]), 0.1);
-      }
-    }
   }
 
   // The helpers the service runs now, by their process names.

@@ -1,10 +1,8 @@
 // brisola-virtual-devices on a private PipeWire, fed by the real publisher: what comes out of
 // each device, measured in recorded sound.
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,6 +15,7 @@
 #include "brisola/devices/core_audio_device_registry.hpp"
 #include "brisola/runtime/control_store.hpp"
 #include "brisola/runtime/meter_store.hpp"
+#include "runtime/shm_test_support.hpp"
 #include "support/audio_probe.hpp"
 #include "support/private_pipewire.hpp"
 #include "support/process_runner.hpp"
@@ -28,37 +27,13 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using testing::AudioProbe;
+using testing::expectLevels;
 using testing::sineLevel;
-
-constexpr double silence = -90;
 
 RuntimeDeviceControls device(std::string uid,
                              std::vector<RuntimeChannelRoute> routes = {{1, 1}, {2, 2}}) {
   return RuntimeDeviceControls(uid, "Device " + uid, "waveform.circle", 2, true, 1.0f, {}, true,
                                false, 1.0f, std::move(routes));
-}
-
-bool matches(const std::vector<double>& measured, const std::vector<double>& amplitudes) {
-  for (std::size_t c = 0; c < amplitudes.size(); ++c) {
-    if (amplitudes[c] == 0 ? measured[c] >= silence
-                           : std::abs(measured[c] - sineLevel(amplitudes[c])) > 0.1) {
-      return false;
-    }
-  }
-  return true;
-}
-
-// Each measured level within 0.1 dB of a sine of the expected amplitude, or silent for 0.
-void expectLevels(const std::vector<double>& measured, const std::vector<double>& amplitudes) {
-  ASSERT_EQ(measured.size(), amplitudes.size());
-  for (std::size_t c = 0; c < measured.size(); ++c) {
-    SCOPED_TRACE("channel " + std::to_string(c + 1));
-    if (amplitudes[c] == 0) {
-      EXPECT_LT(measured[c], silence);
-    } else {
-      EXPECT_NEAR(measured[c], sineLevel(amplitudes[c]), 0.1);
-    }
-  }
 }
 
 // The levels of 100 ms of sound after `settle`. A loaded machine may drop a graph cycle now
@@ -68,7 +43,7 @@ std::vector<double> settled(const AudioProbe::Recorder& recorder,
                             const std::vector<double>& amplitudes,
                             std::chrono::milliseconds settle = 150ms) {
   auto levels = recorder.levelsAfter(settle, 100ms);
-  for (int retry = 0; retry < 2 && !matches(levels, amplitudes); ++retry) {
+  for (int retry = 0; retry < 2 && !testing::levelsMatch(levels, amplitudes); ++retry) {
     levels = recorder.levelsAfter(0ms, 100ms);
   }
   return levels;
@@ -288,14 +263,9 @@ TEST_F(VirtualDevices, BlockStatesAreLoggedOnceAndAStopRemovesEverything) {
   ASSERT_TRUE(testing::eventually(
       [&] { return programLog().find("No control block") != std::string::npos; }, 5s, 10ms));
   // A block of another layout version: the magic, version 5, size, even sequence.
-  {
-    const int fd = ::shm_open("/brisolaruntime3", O_RDWR | O_CREAT, 0666);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::ftruncate(fd, 65536), 0);
-    const std::uint32_t header[] = {0x5354524B, 5, 65536, 2};
-    ASSERT_EQ(::pwrite(fd, header, sizeof header, 0), static_cast<ssize_t>(sizeof header));
-    ::close(fd);
-  }
+  testing::ShmObject block("/brisolaruntime3", 65536);
+  const std::uint32_t header[] = {0x5354524B, 5, 65536, 2};
+  for (std::size_t i = 0; i < 4; ++i) block.setU32(4 * i, header[i]);
   ASSERT_TRUE(testing::eventually(
       [&] { return programLog().find("Cannot use the control block") != std::string::npos; }, 5s,
       10ms));

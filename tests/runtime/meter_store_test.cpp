@@ -19,6 +19,7 @@ namespace brisola {
 namespace {
 
 using Reading = RuntimeMeterStore::Reading;
+using testing::MeterImage;
 using testing::ShmObject;
 
 // Owner identifiers of this test process only, so parallel runs never meet.
@@ -26,27 +27,6 @@ std::string uniqueOwner(const std::string& tag) {
   static int counter = 0;
   return "brisola.test." + std::to_string(::getpid()) + "." + tag + "." + std::to_string(++counter);
 }
-
-// A producer's object, written by the test byte by byte.
-struct MeterImage {
-  std::uint32_t magic = 0x53544D4B;
-  std::uint32_t version = 2;
-  std::uint32_t size = 4096;
-  std::uint32_t sequence = 6;
-  std::uint32_t channelCount = 0;
-  std::vector<float> levels;
-  std::vector<float> peaks;
-
-  void writeTo(ShmObject& object) const {
-    object.setU32(0, magic);
-    object.setU32(4, version);
-    object.setU32(8, size);
-    object.setU32(12, sequence);
-    object.setU32(16, channelCount);
-    for (std::size_t k = 0; k < levels.size(); ++k) object.setF32(20 + 4 * k, levels[k]);
-    for (std::size_t k = 0; k < peaks.size(); ++k) object.setF32(276 + 4 * k, peaks[k]);
-  }
-};
 
 TEST(MeterStore, OwnerIdentifiersAndTheirFNV1aObjectNames) {
   std::string passThru(BrisolaCore::passThruDeviceUID);

@@ -100,6 +100,27 @@ inline bool shmExists(const std::string& name) {
   return true;
 }
 
+// A meter producer's object, written by the test byte by byte.
+struct MeterImage {
+  std::uint32_t magic = 0x53544D4B;
+  std::uint32_t version = 2;
+  std::uint32_t size = 4096;
+  std::uint32_t sequence = 6;
+  std::uint32_t channelCount = 0;
+  std::vector<float> levels;
+  std::vector<float> peaks;
+
+  void writeTo(ShmObject& object) const {
+    object.setU32(0, magic);
+    object.setU32(4, version);
+    object.setU32(8, size);
+    object.setU32(12, sequence);
+    object.setU32(16, channelCount);
+    for (std::size_t k = 0; k < levels.size(); ++k) object.setF32(20 + 4 * k, levels[k]);
+    for (std::size_t k = 0; k < peaks.size(); ++k) object.setF32(276 + 4 * k, peaks[k]);
+  }
+};
+
 // A record built through the constructor with every field distinct per `seed`, texts that fit
 // their fields and routes without zero channels, so it survives a write and a read unchanged.
 inline RuntimeDeviceControls sampleControls(int seed, std::size_t routeCount = 3) {

@@ -33,7 +33,6 @@ TEST(ServiceSettings, EachVariableFillsItsOwnField) {
                             {"BRISOLA_SERVICE_DRY_RUN", "no"}}),
             (Settings{"c.json", Settings::Seconds(0.5), true, "helpers", "hw.json"}));
   EXPECT_EQ(Settings::read({{"BRISOLA_SERVICE_DRY_RUN", "on"}}).dryRun, true);
-  EXPECT_EQ(Settings::read({}), Settings{});
 }
 
 TEST(ServiceSettings, PollIntervalAcceptsOnlyWholeStrtodNumbersAboveZero) {

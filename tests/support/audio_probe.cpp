@@ -4,6 +4,8 @@
 #include <spa/node/io.h>
 #include <spa/param/audio/format-utils.h>
 
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <limits>
 #include <mutex>
@@ -69,6 +71,28 @@ class Player final : public AudioProbe::Stream {
 
 double sineLevel(double amplitude) {
   return 20 * std::log10(amplitude / std::sqrt(2.0));
+}
+
+bool levelsMatch(const std::vector<double>& levels, const std::vector<double>& amplitudes) {
+  for (std::size_t c = 0; c < amplitudes.size(); ++c) {
+    if (amplitudes[c] == 0 ? levels.at(c) >= -90
+                           : std::abs(levels.at(c) - sineLevel(amplitudes[c])) > 0.1) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void expectLevels(const std::vector<double>& levels, const std::vector<double>& amplitudes) {
+  ASSERT_EQ(levels.size(), amplitudes.size());
+  for (std::size_t c = 0; c < levels.size(); ++c) {
+    SCOPED_TRACE("channel " + std::to_string(c + 1));
+    if (amplitudes[c] == 0) {
+      EXPECT_LT(levels[c], -90);
+    } else {
+      EXPECT_NEAR(levels[c], sineLevel(amplitudes[c]), 0.1);
+    }
+  }
 }
 
 AudioProbe::AudioProbe() {

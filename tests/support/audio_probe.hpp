@@ -112,5 +112,8 @@ class AudioProbe::Recorder : public AudioProbe::Stream {
 
 // An amplitude in dBFS of a steady sine whose peak is `amplitude` (RMS = peak / √2).
 double sineLevel(double amplitude);
+// Each level within 0.1 dB of a sine of its amplitude, or below -90 dBFS where that is 0.
+bool levelsMatch(const std::vector<double>& levels, const std::vector<double>& amplitudes);
+void expectLevels(const std::vector<double>& levels, const std::vector<double>& amplitudes);
 
 }  // namespace brisola::testing

@@ -52,12 +52,8 @@ struct StillMeter {
 
   StillMeter() : StillMeter(RuntimeMeterStore::outputOwnerID(defaultUID())) {}
   explicit StillMeter(std::string ownerID) : owner(std::move(ownerID)) {
-    const std::vector<std::uint32_t> header{0x53544D4B, 2, 4096, 2, 2};
-    for (std::size_t i = 0; i < header.size(); ++i) object.setU32(4 * i, header[i]);
-    object.setF32(20, 0.5f);
-    object.setF32(24, 0.125f);
-    object.setF32(276, 1.0f);
-    object.setF32(280, 0.25f);
+    MeterImage{.sequence = 2, .channelCount = 2, .levels = {0.5f, 0.125f}, .peaks = {1.0f, 0.25f}}
+        .writeTo(object);
   }
 
   // A document whose device "Test Mix" (id "mix-id") plays into the meter.
