@@ -27,7 +27,12 @@ measure() {
     BRISOLA_HELPER_DIR="$work/helpers" XDG_DATA_HOME="$work/data" \
     build/service/brisola-audio-service > "$work/$name.log" &
   local pid=$!
-  sleep 5  # the first cycles start every helper; the steady state is what counts
+  # The first cycles start every helper; the steady state is what counts: wait until the log
+  # has been still for two seconds.
+  local lines=-1
+  while sleep 2 && [[ $(wc -l < "$work/$name.log") != "$lines" ]]; do
+    lines=$(wc -l < "$work/$name.log")
+  done
   local before after rss
   before=$(ticks $pid)
   sleep "$seconds"

@@ -102,7 +102,9 @@ class DeviceSet {
 class ControlReader {
  public:
   std::optional<std::vector<RuntimeDeviceControls>> poll() {
-    if (!watcher_.changed()) return std::nullopt;
+    const bool secondLook = secondLook_;
+    secondLook_ = false;
+    if (!watcher_.changed() && !secondLook) return std::nullopt;
     const std::string name(RuntimeControlStoreV3::sharedMemoryName);
     try {
       auto records = RuntimeControlStoreV3::read();
@@ -112,6 +114,11 @@ class ControlReader {
       if (error.errorCase() == RuntimeControlStoreError::Case::openFailed &&
           error.errorNumber() == ENOENT) {
         report("No control block " + name + " yet; waiting for the service");
+      } else if (error.errorCase() == RuntimeControlStoreError::Case::invalidState && !secondLook) {
+        // A block in the middle of an update reads as invalid too. Only a second look a tick
+        // later tells one that cannot be used; until then the devices stay as they are.
+        secondLook_ = true;
+        return std::nullopt;
       } else {
         report("Cannot use the control block " + name + ": " + error.what());
       }
@@ -126,6 +133,7 @@ class ControlReader {
   }
   RuntimeControlWatcher watcher_;
   std::string state_;
+  bool secondLook_ = false;  // the last read found the block invalid
 };
 
 int run() {
