@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cmath>
 #include <fstream>
 #include <functional>
@@ -210,9 +211,16 @@ void PrivatePipeWire::setDefault(const std::string& name) const {
 }
 
 void PrivatePipeWire::link(const std::string& output, const std::string& input) const {
-  const auto result = tool("pw-link", {output, input});
-  if (result.status != 0) {
-    throw std::runtime_error("cannot link " + output + " to " + input + ": " + result.err);
+  // A node is announced before its ports, so a port may be missing for a moment after its node
+  // appears; only a port still missing after a few seconds is an error.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  for (;;) {
+    const auto result = tool("pw-link", {output, input});
+    if (result.status == 0) return;
+    if (std::chrono::steady_clock::now() > deadline) {
+      throw std::runtime_error("cannot link " + output + " to " + input + ": " + result.err);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }
 
