@@ -2,7 +2,7 @@
 # Checks that the suite catches the faults listed in tests/mutants.txt: applies each mutant in
 # turn, rebuilds, runs the release suite, records killed or survived, and puts the file back.
 #
-#   scripts/mutants.sh [-n] [-b BUILD_DIR] [-o RESULTS] [-j JOBS] [M01 M07 ...]
+#   scripts/mutants.sh [-n] [-b BUILD_DIR] [-o RESULTS] [-j JOBS] [-t TARGETS] [M01 M07 ...]
 #
 # -n only shows each mutant as a diff, without building anything.
 # BUILD_DIR (default build) must be a configured release tree. Without mutant ids every mutant
@@ -12,6 +12,7 @@
 #   M03 unbuildable                    the mutant does not compile (fix the mutant)
 # A kill whose failing tests all pass when run again is marked "(passed again)": a kill by a
 # flaky or timing-dependent test, or a clash on the shared control block, to look at by hand.
+# -t builds only the given targets (space-separated), for a run limited to some areas.
 # Everything is niced; set CTEST_ARGS to pass more options to ctest (for instance -L to run
 # only some labels).
 set -euo pipefail
@@ -20,14 +21,16 @@ cd "$(dirname "$0")/.."
 build=build
 results=
 jobs=2
+targets=()
 show=false
-while getopts "nb:o:j:" option; do
+while getopts "nb:o:j:t:" option; do
   case $option in
     n) show=true ;;
     b) build=$OPTARG ;;
     o) results=$OPTARG ;;
     j) jobs=$OPTARG ;;
-    *) sed -n '2,18p' "$0" >&2; exit 64 ;;
+    t) read -ra named <<<"$OPTARG"; for t in "${named[@]}"; do targets+=(--target "$t"); done ;;
+    *) sed -n '2,19p' "$0" >&2; exit 64 ;;
   esac
 done
 shift $((OPTIND - 1))
@@ -101,7 +104,7 @@ for i in "${!ids[@]}"; do
   backup=$file.mutant-original
   cp "$file" "$backup"
   mutate "$file" "${finds[$i]}" "${replaces[$i]}"
-  if ! nice -n 15 cmake --build "$build" -j "$jobs" >"$logs/$id.build" 2>&1; then
+  if ! nice -n 15 cmake --build "$build" -j "$jobs" "${targets[@]}" >"$logs/$id.build" 2>&1; then
     outcome=unbuildable
   elif nice -n 15 ctest --test-dir "$build" -j "$jobs" --timeout 120 ${CTEST_ARGS:-} \
     >"$logs/$id.test" 2>&1; then
@@ -119,5 +122,5 @@ for i in "${!ids[@]}"; do
   printf '%s %s\n' "$id" "$outcome" | tee -a "$results"
   echo "    ${names[$i]} ($((SECONDS - started)) s)"
 done
-nice -n 15 cmake --build "$build" -j "$jobs" >"$logs/original.build" 2>&1
+nice -n 15 cmake --build "$build" -j "$jobs" "${targets[@]}" >"$logs/original.build" 2>&1
 echo "Results in $results"
