@@ -177,12 +177,18 @@ void VirtualDevice::connect() {
 }
 
 void VirtualDevice::publishMeters() {
-  std::array<float, maximumChannels> levels{};
-  std::array<float, maximumChannels> peaks{};
-  entranceLevels_.read(levels, peaks);
-  entranceMeter_.publish(std::span(levels).first(channels_), std::span(peaks).first(channels_));
-  outputLevels_.read(levels, peaks);
-  outputMeter_.publish(std::span(levels).first(channels_), std::span(peaks).first(channels_));
+  // A reading equal to the last one published is left alone: readers take an unchanged reading
+  // for a stopped meter either way, and a silent device then costs no writes.
+  auto publish = [&](const LevelMeter& meter, MeterPublisher& publisher, MeterImage& last) {
+    MeterImage now{};
+    meter.read(now.levels, now.peaks);
+    if (last.published && now.levels == last.levels && now.peaks == last.peaks) return;
+    now.published = publisher.publish(std::span(now.levels).first(channels_),
+                                      std::span(now.peaks).first(channels_));
+    last = now;
+  };
+  publish(entranceLevels_, entranceMeter_, entranceImage_);
+  publish(outputLevels_, outputMeter_, outputImage_);
 }
 
 }  // namespace brisola::audio

@@ -88,6 +88,13 @@ class VirtualDevice {
   LevelMeter outputLevels_;
   MeterPublisher entranceMeter_;
   MeterPublisher outputMeter_;
+  struct MeterImage {
+    std::array<float, maximumChannels> levels{};
+    std::array<float, maximumChannels> peaks{};
+    bool published = false;  // a failed write is tried again on the next refresh
+  };
+  MeterImage entranceImage_;
+  MeterImage outputImage_;
   std::unique_ptr<ServerObject> entrance_;
   std::unique_ptr<ServerObject> mixNode_;
   std::array<AudioFilter::Port, maximumChannels> entrancePorts_{};
