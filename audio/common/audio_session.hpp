@@ -94,7 +94,8 @@ class AudioFilter {
 
   using Port = void*;
   Port addPort(PipeWireDirection direction, const PortSpec& wanted);
-  // The process function must no longer touch the port (see betweenCycles).
+  // The process function must no longer touch the port (see betweenCycles). Both add and remove
+  // between two cycles, while the main thread waits.
   void removePort(Port port);
 
   // This cycle's buffer of a port, from the process function; nullptr when it has none.
