@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <thread>
 
 #include "common/gain_stage.hpp"
@@ -78,6 +79,27 @@ TEST(GainStage, RoutesGainsAndTheAddedSignalMeetAsWritten) {
   // out0 = 2 · (0.5 · 0.25 · right + extra); out1 = 0.5 · left + 0.5 · 0.25 · right
   EXPECT_THAT(out0, ::testing::ElementsAre(2.0f, 3.0f));
   EXPECT_THAT(out1, ::testing::ElementsAre(1.0f, 0.5f));
+}
+
+// The meter works on blocks of eight samples and then on the rest: a peak in either part, on
+// either sign, counts; a missing channel buffer is silence.
+TEST(LevelMeter, LevelIsTheRootMeanSquareAndPeakTheLargestMagnitude) {
+  for (const std::uint32_t frames : {1u, 8u, 1027u}) {
+    for (const std::uint32_t at : {0u, frames / 2, frames - 1}) {
+      std::vector<float> samples(frames, 0.5f);
+      samples[at] = -0.75f;
+      const float* channels[] = {samples.data(), nullptr};
+      LevelMeter meter;
+      meter.measure(channels, frames);
+      float levels[2], peaks[2];
+      meter.read(levels, peaks);
+      const double squares = 0.25 * (frames - 1) + 0.5625;
+      EXPECT_NEAR(levels[0], std::sqrt(squares / frames), 1e-6) << frames << " " << at;
+      EXPECT_EQ(peaks[0], 0.75f) << frames << " " << at;
+      EXPECT_EQ(levels[1], 0.0f);
+      EXPECT_EQ(peaks[1], 0.0f);
+    }
+  }
 }
 
 }  // namespace
