@@ -129,8 +129,8 @@ MeterPublisher::~MeterPublisher() {
 bool MeterPublisher::publish(std::span<const float> levels, std::span<const float> peaks) {
   using namespace RuntimeMeterStore::meterLayout;
   namespace words = shared_words;
-  // The whole image every time: whoever shrank the object took the header with it.
-  std::array<std::byte, peaksEnd> image{};
+  // The whole object every time: whoever shrank it took the header with it.
+  std::array<std::byte, objectSize> image{};
   words::putU32(image.data(), magicOffset, magic);
   words::putU32(image.data(), versionOffset, 2);
   words::putU32(image.data(), sizeOffset, objectSize);
@@ -143,16 +143,16 @@ bool MeterPublisher::publish(std::span<const float> levels, std::span<const floa
   sequence_ += 2;
   std::byte even[4];
   words::putU32(even, 0, sequence_);
-  const auto& system = SharedMemorySystem::posix();
-  // Size and pages first: a shrunk object is readable again only at its full size, and a full
-  // /dev/shm fails here before the sequence turns odd.
-  int error = system.reserve(fd_.get(), objectSize);
-  DescriptorBytes block(fd_.get(), system);
-  if (error == 0) error = block.write(0, image.data(), channelCountOffset);
+  // The object is one page: the first write gets its page back if it was emptied (a full
+  // /dev/shm fails there, before the sequence turns odd), and the second runs to the end, so a
+  // shrunk object is readable again at its full size without a system call of its own.
+  static_assert(objectSize <= 4096);
+  DescriptorBytes block(fd_.get(), SharedMemorySystem::posix());
+  int error = block.write(0, image.data(), channelCountOffset);
   SequenceWord::fence();
   if (error == 0)
     error = block.write(channelCountOffset, image.data() + channelCountOffset,
-                        peaksEnd - channelCountOffset);
+                        objectSize - channelCountOffset);
   SequenceWord::fence();
   if (error == 0) error = block.write(sequenceOffset, even, sizeof even);
   errno = error;
