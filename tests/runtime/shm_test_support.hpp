@@ -1,6 +1,6 @@
 #pragma once
 
-// Shared-memory objects that a test builds and inspects byte by byte, independently of the
+// Shared-memory objects that a test builds and reads byte by byte, independently of the
 // library's readers and writers.
 
 #include <fcntl.h>
@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "brisola/platform/unique_fd.hpp"
 #include "brisola/runtime/runtime_controls.hpp"
 #include "support/system_helpers.hpp"
 
@@ -32,13 +33,11 @@ inline std::string uniqueShmName(const std::string& tag) {
   return "/brisolatest-" + std::to_string(::getpid()) + "-" + tag + "-" + std::to_string(++counter);
 }
 
-// Maps an existing object (or creates one of `createSize` bytes) read-write for the test, and
-// removes the object when destroyed.
+// Opens an existing object, or creates one of `size` bytes of `fill`; maps it read-write for the
+// test and removes it when destroyed.
 class ShmObject {
  public:
-  // Opens the object that exists under `name`.
   explicit ShmObject(std::string name) : name_(std::move(name)) { open(O_RDWR, 0); }
-  // Creates the object with the given size and fill byte.
   ShmObject(std::string name, std::size_t size, unsigned char fill = 0) : name_(std::move(name)) {
     ::shm_unlink(name_.c_str());
     open(O_RDWR | O_CREAT | O_EXCL, size);
@@ -55,16 +54,8 @@ class ShmObject {
   std::size_t size() const { return size_; }
   unsigned char* bytes() { return static_cast<unsigned char*>(data_); }
 
-  std::uint32_t u32(std::size_t offset) const {
-    std::uint32_t value;
-    std::memcpy(&value, static_cast<const unsigned char*>(data_) + offset, 4);
-    return value;
-  }
-  float f32(std::size_t offset) const {
-    float value;
-    std::memcpy(&value, static_cast<const unsigned char*>(data_) + offset, 4);
-    return value;
-  }
+  std::uint32_t u32(std::size_t offset) const { return get<std::uint32_t>(offset); }
+  float f32(std::size_t offset) const { return get<float>(offset); }
   void setU32(std::size_t offset, std::uint32_t value) { std::memcpy(bytes() + offset, &value, 4); }
   void setF32(std::size_t offset, float value) { std::memcpy(bytes() + offset, &value, 4); }
   std::string text(std::size_t offset, std::size_t width) const {
@@ -72,19 +63,22 @@ class ShmObject {
   }
 
  private:
+  template <class T>
+  T get(std::size_t offset) const {
+    T value;
+    std::memcpy(&value, static_cast<const unsigned char*>(data_) + offset, sizeof value);
+    return value;
+  }
   void open(int flags, std::size_t size) {
-    int fd = ::shm_open(name_.c_str(), flags | O_CLOEXEC, 0600);
-    if (fd < 0) throw std::runtime_error("shm_open " + name_ + ": " + std::strerror(errno));
-    if ((flags & O_CREAT) != 0 && ::ftruncate(fd, static_cast<off_t>(size)) != 0) {
-      ::close(fd);
-      throw std::runtime_error("ftruncate " + name_);
-    }
+    UniqueFd fd(::shm_open(name_.c_str(), flags | O_CLOEXEC, 0600));
     struct stat info {};
-    ::fstat(fd, &info);
+    if (!fd || ((flags & O_CREAT) != 0 && ::ftruncate(fd.get(), static_cast<off_t>(size)) != 0) ||
+        ::fstat(fd.get(), &info) != 0) {
+      throw std::runtime_error(name_ + ": " + std::strerror(errno));
+    }
     size_ = static_cast<std::size_t>(info.st_size);
-    data_ =
-        size_ == 0 ? nullptr : ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    ::close(fd);
+    data_ = size_ == 0 ? nullptr
+                       : ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
     if (data_ == MAP_FAILED) throw std::runtime_error("mmap " + name_);
   }
 
@@ -92,13 +86,6 @@ class ShmObject {
   void* data_ = nullptr;
   std::size_t size_ = 0;
 };
-
-inline bool shmExists(const std::string& name) {
-  int fd = ::shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
-  if (fd < 0) return false;
-  ::close(fd);
-  return true;
-}
 
 // A meter producer's object, written by the test byte by byte.
 struct MeterImage {

@@ -69,18 +69,18 @@ TEST_F(CtlSharedStateTest, MeterReadingsAndTheirAbsence) {
   StillMeter meter;
   const auto reading = RuntimeMeterStore::reading(meter.owner);
   ASSERT_TRUE(reading.has_value());
-  auto result = run({"meter", "--owner", meter.owner});
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.out, encodeJSON(*reading) + "\n");
-
   // --device takes the UID, or the id or name of a device of the document.
   writeDocument(meter.document());
-  for (const std::string& device : {meter.uid, std::string("mix-id"), std::string("test mix")}) {
-    result = run({"meter", "--device", device});
-    EXPECT_EQ(result.out, encodeJSON(*reading) + "\n") << device << result.err;
+  for (const auto& [option, name] : {std::pair{"--owner", meter.owner},
+                                     {"--device", meter.uid},
+                                     {"--device", "mix-id"},
+                                     {"--device", "test mix"}}) {
+    const auto result = run({"meter", option, name});
+    EXPECT_EQ(result.status, 0) << name << result.err;
+    EXPECT_EQ(result.out, encodeJSON(*reading) + "\n") << name;
   }
 
-  result = run({"meter", "--device", "no-such-device", "--side", "source"});
+  auto result = run({"meter", "--device", "no-such-device", "--side", "source"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "");
   EXPECT_NE(result.err.find(RuntimeMeterStore::sourceOwnerID("no-such-device")), std::string::npos);
@@ -111,21 +111,19 @@ TEST_F(CtlSharedStateTest, WatchShowsBarsThenTheFrozenMeterAsAbsentUntilInterrup
 
 TEST_F(CtlSharedStateTest, StatusFollowsTheHeartbeat) {
   const auto url = dataDirectory() / "Brisola" / "service-heartbeat";
-  auto result = run({"status"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_NE(result.out.find("\"alive\": false"), std::string::npos) << result.out;
-  EXPECT_NE(result.out.find("\"lastBeat\": null"), std::string::npos);
-  EXPECT_NE(result.out.find(url.string()), std::string::npos);
-
-  ServiceHeartbeat::beat(url, ServiceHeartbeat::Clock::now() - 60s);
-  result = run({"status"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_NE(result.out.find("\"secondsSinceLastBeat\": 6"), std::string::npos) << result.out;
-
-  ServiceHeartbeat::beat(url, ServiceHeartbeat::Clock::now());
-  result = run({"status"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_NE(result.out.find("\"alive\": true"), std::string::npos) << result.out;
+  // No heartbeat file, one a minute old, a fresh one.
+  const std::tuple<std::optional<std::chrono::seconds>, int, std::string> rows[] = {
+      {std::nullopt, 1, "\"lastBeat\": null"},
+      {60s, 1, "\"secondsSinceLastBeat\": 6"},
+      {0s, 0, "\"alive\": true"},
+  };
+  for (const auto& [age, status, shown] : rows) {
+    if (age) ServiceHeartbeat::beat(url, ServiceHeartbeat::Clock::now() - *age);
+    const auto result = run({"status"});
+    EXPECT_EQ(result.status, status);
+    EXPECT_NE(result.out.find(shown), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find(url.string()), std::string::npos);
+  }
 }
 
 }  // namespace

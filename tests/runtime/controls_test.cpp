@@ -1,5 +1,6 @@
-// The control block on private objects: byte layout, hostile contents, the failure of every
-// system call and torn updates. The fixed object name is exercised in the shm tests.
+// Controls from the document to the control block: derived, brought into range, laid out byte by
+// byte on private objects, guarded against hostile contents, failing system calls and torn
+// updates. The fixed object name is exercised in the shm tests.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -7,21 +8,229 @@
 
 #include <cmath>
 #include <functional>
+#include <limits>
 #include <map>
 #include <tuple>
 
+#include "brisola/runtime/route_map.hpp"
 #include "runtime/control_block.hpp"
 #include "shm_test_support.hpp"
+#include "support/documents.hpp"
 #include "support/thrown.hpp"
 
 namespace brisola {
 namespace {
 
 using ::testing::ElementsAre;
+using R = RuntimeChannelRoute;
+using testing::monitorEnd;
+using testing::outputEnd;
+using testing::sourceEnd;
+using testing::wire;
+
+constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+constexpr float inf = std::numeric_limits<float>::infinity();
+
+RuntimeDeviceControls make(std::int64_t channelCount, float deviceGain = 1.0f,
+                           std::vector<float> gains = {}, std::vector<R> routes = {}) {
+  return RuntimeDeviceControls("uid", "name", "icon", channelCount, true, deviceGain,
+                               std::move(gains), true, false, deviceGain, std::move(routes));
+}
+
+TEST(RuntimeDeviceControls, ChannelCountsMadeEvenAndClampedGainsSanitisedListsCutOrPadded) {
+  constexpr auto min = std::numeric_limits<std::int64_t>::min();
+  constexpr auto max = std::numeric_limits<std::int64_t>::max();
+  const std::vector<std::pair<std::int64_t, std::int64_t>> counts{
+      {5, 4},   {-5, 2},  {1, 2},     {0, 2},   {63, 62},
+      {64, 64}, {65, 64}, {1000, 64}, {min, 2}, {max, 64}};
+  for (auto [given, expected] : counts) EXPECT_EQ(make(given).channelCount, expected) << given;
+  const std::vector<std::pair<float, float>> rows{{nan, 1.0f},   {-inf, 1.0f}, {-1.0f, 0.0f},
+                                                  {-0.0f, 0.0f}, {2.0f, 2.0f}, {2.5f, 2.0f}};
+  for (auto [given, expected] : rows) {
+    SCOPED_TRACE(given);
+    auto controls = make(2, given, {given});
+    EXPECT_EQ(std::tuple(controls.deviceGain, controls.sourceGain, controls.channelGains[0]),
+              std::tuple(expected, expected, expected));
+    EXPECT_FALSE(std::signbit(controls.deviceGain)) << "a negative zero survived";
+  }
+  std::vector<float> padded(64, 1.0f);
+  padded[0] = 0.5f, padded[1] = 2.0f;
+  EXPECT_EQ(make(2, 1.0f, {0.5f, 3.0f}).channelGains, padded);
+  std::vector<float> long_(70, 0.25f);
+  long_[64] = 0.75f;
+  EXPECT_EQ(make(2, 1.0f, long_).channelGains, std::vector<float>(64, 0.25f));
+
+  std::vector<R> routes;
+  for (int j = 0; j < 130; ++j) routes.push_back({j + 1, -j});
+  // The first 128, with their values untouched, negative ones included.
+  EXPECT_EQ(make(2, 1.0f, {}, routes).routes, std::vector<R>(routes.begin(), routes.begin() + 128));
+}
+
+TEST(RuntimeDeviceControls, DecodingKeepsValuesAsTheyStand) {
+  auto decoded = decodeJSON<RuntimeDeviceControls>(R"({"uid":"u","name":"n","icon":"i",
+      "channelCount":3,"deviceEnabled":false,"deviceGain":5,"channelGains":[-1,-1e300],
+      "sourceEnabled":true,"muted":true,"sourceGain":-2,
+      "routes":[{"sourceChannel":0,"outputChannel":-4}]})");
+  EXPECT_EQ(std::tuple(decoded.channelCount, decoded.deviceGain, decoded.sourceGain, decoded.muted),
+            std::tuple(3, 5.0f, -2.0f, true));
+  EXPECT_THAT(decoded.channelGains, ElementsAre(-1.0f, -inf));
+  EXPECT_THAT(decoded.routes, ElementsAre(R{0, -4}));
+}
+
+// Derivation from the document.
+
+DeviceConfig plainDevice(std::string id) {
+  return DeviceConfig{.id = id, .name = "Device " + id, .enabled = true, .channelCount = 2};
+}
+
+TEST(RuntimeControls, OneRecordPerDeviceAtMost16InDocumentOrderDisabledIncluded) {
+  ConfigSnapshot snapshot;
+  for (int i = 0; i < 20; ++i) snapshot.devices.push_back(plainDevice("d" + std::to_string(i)));
+  snapshot.devices[3].enabled = false;
+  auto controls = RuntimeDeviceControls::forDocument(snapshot);
+  ASSERT_EQ(controls.size(), 16u);
+  for (std::size_t i = 0; i < 16; ++i)
+    EXPECT_EQ(controls[i], RuntimeDeviceControls::of(snapshot.devices[i]));
+  EXPECT_EQ(std::tuple(controls[3].deviceEnabled, controls[4].deviceEnabled),
+            std::tuple(false, true));
+  EXPECT_TRUE(RuntimeDeviceControls::forDocument(ConfigSnapshot::empty()).empty());
+}
+
+TEST(RuntimeControls, PassThruSourceDecidesSourceFieldsAndRoutesWithinTheConfiguredChannels) {
+  // No pass-thru source at all: defaults and the stereo map.
+  DeviceConfig none = plainDevice("none");
+  none.sources.push_back(testing::hardwareSource("mic", "in"));
+  none.wires.push_back(wire("w", sourceEnd("mic", 1), outputEnd("none", 1)));
+  auto noneControls = RuntimeDeviceControls::of(none);
+  EXPECT_EQ(std::tuple(noneControls.sourceEnabled, noneControls.muted, noneControls.sourceGain),
+            std::tuple(true, false, 1.0f));
+  EXPECT_THAT(noneControls.routes, ElementsAre(R{1, 1}, R{2, 2}));
+
+  // A pass-thru source without wires into the output: no routes, not the stereo map.
+  DeviceConfig unwired = plainDevice("unwired");
+  unwired.sources.push_back(testing::passThruSource("pt"));
+  EXPECT_TRUE(RuntimeDeviceControls::of(unwired).routes.empty());
+
+  // Two pass-thru sources: the first in source order counts.
+  DeviceConfig two = plainDevice("two");
+  two.sources = {testing::hardwareSource("mic", "in"), testing::passThruSource("first"),
+                 testing::passThruSource("second")};
+  two.sources[1].enabled = false;
+  two.sources[1].muted = true;
+  two.sources[1].gain = 0.5;
+  two.wires = {wire("a", sourceEnd("second", 1), outputEnd("two", 1)),
+               wire("b", sourceEnd("first", 2), outputEnd("two", 1))};
+  auto twoControls = RuntimeDeviceControls::of(two);
+  EXPECT_EQ(std::tuple(twoControls.sourceEnabled, twoControls.muted, twoControls.sourceGain),
+            std::tuple(false, true, 0.5f));
+  EXPECT_THAT(twoControls.routes, ElementsAre(R{2, 1}));
+
+  // Routes are bounded by the configured channel count, not the even one published.
+  DeviceConfig odd = plainDevice("odd");
+  odd.channelCount = 3;
+  odd.sources.push_back(testing::passThruSource("pt"));
+  odd.wires = {wire("w3", sourceEnd("pt", 1), outputEnd("odd", 3)),
+               wire("w4", sourceEnd("pt", 1), outputEnd("odd", 4))};
+  auto oddControls = RuntimeDeviceControls::of(odd);
+  EXPECT_EQ(oddControls.channelCount, 2);
+  EXPECT_THAT(oddControls.routes, ElementsAre(R{1, 3}));
+}
+
+TEST(RuntimeControls, VolumeAndChannelGainsAreNarrowedThenSanitised) {
+  // Beyond the float range is infinite, hence unity; not clamped to 2 or 0.
+  const std::vector<std::pair<double, float>> rows{
+      {3.0, 2.0f}, {1e300, 1.0f}, {-1e300, 1.0f}, {3.5e38, 1.0f}, {0.1, 0.1f}};
+  for (auto [volume, expected] : rows) {
+    SCOPED_TRACE(volume);
+    DeviceConfig device = plainDevice("d");
+    device.volume = volume;
+    device.channelGains = std::vector<double>{volume};
+    device.sources.push_back(testing::passThruSource("pt"));
+    device.sources[0].gain = volume;
+    auto controls = RuntimeDeviceControls::of(device);
+    EXPECT_EQ(std::tuple(controls.deviceGain, controls.channelGains[0], controls.sourceGain),
+              std::tuple(expected, expected, expected));
+  }
+  EXPECT_EQ(RuntimeDeviceControls::of(plainDevice("d")).channelGains, std::vector<float>(64, 1.0f));
+}
+
+// Route maps.
+
+// One wire in a device "dev" with two channels of output; source routes of "src" may use
+// output channels 1...2, monitor routes of "mon" device channels 1...3 and monitor channels 1...2.
+TEST(RouteMap, RoutesKeepOnlyWiresBetweenTheirOwnEndsWithinTheSupportedChannels) {
+  struct Row {
+    const char* what;
+    WireEndpoint from, to;
+    bool kept;
+  };
+  const std::vector<Row> rows{
+      {"output channel at the supported count", sourceEnd("src", 2), outputEnd("dev", 2), true},
+      {"source channel above anything the source has", sourceEnd("src", 9), outputEnd("dev", 1),
+       true},
+      {"output channel above the supported count", sourceEnd("src", 1), outputEnd("dev", 3), false},
+      {"output channel 0", sourceEnd("src", 1), outputEnd("dev", 0), false},
+      {"source channel 0", sourceEnd("src", 0), outputEnd("dev", 1), false},
+      {"another source", sourceEnd("other", 1), outputEnd("dev", 1), false},
+      {"another device's output", sourceEnd("src", 1), outputEnd("dev2", 1), false},
+      {"owner differs only in case", sourceEnd("SRC", 1), outputEnd("dev", 1), false},
+      {"source into a monitor", sourceEnd("src", 1), monitorEnd("mon", 1), false},
+      {"device channel at the input count", outputEnd("dev", 3), monitorEnd("mon", 2), true},
+      {"device channel above the input count", outputEnd("dev", 4), monitorEnd("mon", 1), false},
+      {"monitor channel above the output count", outputEnd("dev", 1), monitorEnd("mon", 3), false},
+      {"monitor channel 0", outputEnd("dev", 1), monitorEnd("mon", 0), false},
+      {"another monitor", outputEnd("dev", 1), monitorEnd("mon2", 1), false},
+      {"from another device's output", outputEnd("dev2", 1), monitorEnd("mon", 1), false},
+      {"output into the output", outputEnd("dev", 1), outputEnd("dev", 1), false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    DeviceConfig device = plainDevice("dev");
+    device.wires = {wire("w", row.from, row.to)};
+    const auto routes = row.from.kind == EndpointKind::source
+                            ? RuntimeRouteMap::sourceRoutes("src", device, 2)
+                            : RuntimeRouteMap::monitorRoutes("mon", device, 3, 2);
+    const std::vector<R> expected{{row.from.channel, row.to.channel}};
+    EXPECT_EQ(routes, row.kept ? expected : std::vector<R>{});
+    // A wire belongs to one kind of route only.
+    EXPECT_TRUE((row.from.kind == EndpointKind::source
+                     ? RuntimeRouteMap::monitorRoutes("mon", device, 3, 2)
+                     : RuntimeRouteMap::sourceRoutes("src", device, 2))
+                    .empty());
+  }
+}
+
+TEST(RouteMap, RoutesKeepWireOrderAndDuplicatesAndStopAt256) {
+  std::vector<Wire> wires;
+  for (int i = 0; i < 300; ++i) {
+    // Output channels cycle 2, 1, 2, 1 ... so that any sorting would show.
+    wires.push_back(
+        wire("w" + std::to_string(i), sourceEnd("src", i + 1), outputEnd("dev", 2 - i % 2)));
+    wires.push_back(
+        wire("m" + std::to_string(i), outputEnd("dev", 2 - i % 2), monitorEnd("mon", 1)));
+  }
+  DeviceConfig device = plainDevice("dev");
+  device.wires = wires;
+
+  auto sources = RuntimeRouteMap::sourceRoutes("src", device, 2);
+  ASSERT_EQ(sources.size(), 256u);
+  for (std::size_t i = 0; i < sources.size(); ++i) {
+    ASSERT_EQ(sources[i],
+              (R{static_cast<std::int64_t>(i) + 1, 2 - static_cast<std::int64_t>(i % 2)}));
+  }
+  auto monitors = RuntimeRouteMap::monitorRoutes("mon", device, 2, 2);
+  ASSERT_EQ(monitors.size(), 256u);
+  EXPECT_THAT(std::vector<R>(monitors.begin(), monitors.begin() + 3),
+              ElementsAre(R{2, 1}, R{1, 1}, R{2, 1}));
+
+  EXPECT_EQ(RuntimeRouteMap::sourceRoutes("src", plainDevice("dev"), 2).size(), 0u);
+}
+
+// The control block.
+
 using testing::sampleControls;
 using testing::ShmObject;
 using testing::uniqueShmName;
-using R = RuntimeChannelRoute;
 namespace store = RuntimeControlStoreV3;
 
 const SharedMemorySystem& posix = SharedMemorySystem::posix();
@@ -43,7 +252,7 @@ constexpr std::size_t slot(std::size_t i) {
 }
 
 // Over an object whose every byte was 0xAB: the fields, and nothing but the fields, change.
-TEST(ControlBlock, LayoutByteByByteAndNothingOutsideTheFields) {
+TEST(ControlBlock, LayoutByteByByteNothingOutsideTheFieldsAndTheSequenceMadeEven) {
   ShmObject object(uniqueShmName("layout"), 65536, 0xAB);
   RuntimeDeviceControls first("app.brisola.device.1", std::string(200, 'n'), "mic.fill", 8, true,
                               0.5f, {0.25f, 1.75f}, false, true, 1.5f, {{1, 2}, {3, 4}, {0, 5}});
@@ -88,23 +297,17 @@ TEST(ControlBlock, LayoutByteByByteAndNothingOutsideTheFields) {
   EXPECT_EQ(object.u32(16), 1u);
   EXPECT_EQ(object.u32(s1), 0u) << "a slot no longer in use has flags 0";
   EXPECT_EQ(object.u32(s1 + 4), 2u) << "its other bytes stay as they were";
-}
 
-TEST(ControlBlock, SequenceContinuesFromWhatIsThereAndWraps) {
-  const std::vector<std::pair<std::uint32_t, std::uint32_t>> rows{
+  // The sequence continues from whatever is there, made even, and wraps.
+  const std::vector<std::pair<std::uint32_t, std::uint32_t>> sequences{
       {0, 2}, {1, 4}, {2, 4}, {5, 8}, {0xFFFFFFFE, 0}, {0xFFFFFFFF, 2}};
-  ShmObject object(uniqueShmName("sequence"), 65536);
-  for (auto [before, after] : rows) {
-    SCOPED_TRACE(before);
+  for (auto [before, after] : sequences) {
     object.setU32(12, before);
     store::write(object.name().c_str(), {}, posix);
-    EXPECT_EQ(object.u32(12), after);
+    EXPECT_EQ(object.u32(12), after) << before;
   }
-}
 
-// Where a character is cut is the Unicode tests' business; here, the field keeps one byte for
-// its terminator and nothing is written outside it.
-TEST(ControlBlock, TextFieldsAreCutToLeaveATerminatorAndStayInsideTheField) {
+  // A text field keeps a byte for its terminator, and nothing is written outside it.
   for (const auto& [text, stored] :
        {std::pair(std::string(128, 'a'), std::string(127, 'a')),
         std::pair(std::string(125, 'a') + "e\xCC\x81", std::string(125, 'a'))}) {
@@ -112,8 +315,7 @@ TEST(ControlBlock, TextFieldsAreCutToLeaveATerminatorAndStayInsideTheField) {
     store::writeString(text, buffer.data(), 8, 128);
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer.data()) + 8, 128),
               stored + std::string(128 - stored.size(), '\0'));
-    EXPECT_EQ(buffer[7], std::byte{0xFF});
-    EXPECT_EQ(buffer[136], std::byte{0xFF});
+    EXPECT_EQ(std::tuple(buffer[7], buffer[136]), std::tuple(std::byte{0xFF}, std::byte{0xFF}));
   }
 }
 
@@ -127,8 +329,7 @@ TEST(ControlBlock, WhatIsWrittenIsReadBackBroughtIntoRange) {
   records.resize(16);
   EXPECT_EQ(store::read(name.c_str(), posix), records);
 
-  // Fields set around the constructor; routes that a u32 cannot hold are stored as 0 and left
-  // out by readers.
+  // Fields set around the constructor; routes beyond a u32 are stored as 0, which readers skip.
   RuntimeDeviceControls raw = sampleControls(1);
   raw.channelCount = 7;
   raw.deviceGain = std::nanf("");
@@ -198,78 +399,71 @@ TEST(ControlBlock, ObjectsOfTheWrongSize) {
   ShmObject small(uniqueShmName("small"), 4096);
   EXPECT_EQ(readOrInvalid(small.name()), std::nullopt) << "too small for the reader";
 
-  ShmObject empty(uniqueShmName("empty"), 0);
-  store::publish(empty.name().c_str(), {sampleControls(1)}, posix);
-  EXPECT_EQ(store::read(empty.name().c_str(), posix), std::vector{sampleControls(1)});
-  EXPECT_EQ(ShmObject(empty.name()).size(), 65536u) << "an empty object is sized by the writer";
-
-  ShmObject large(uniqueShmName("large"), 100000);
-  store::publish(large.name().c_str(), {}, posix);
-  EXPECT_EQ(ShmObject(large.name()).size(), 100000u) << "a larger object keeps its size";
+  // An empty object is sized by the writer; a larger one keeps its size.
+  for (auto [size, after] : {std::pair<std::size_t, std::size_t>{0, 65536}, {100000, 100000}}) {
+    ShmObject object(uniqueShmName("sized"), size);
+    store::publish(object.name().c_str(), {sampleControls(1)}, posix);
+    EXPECT_EQ(store::read(object.name().c_str(), posix), std::vector{sampleControls(1)});
+    EXPECT_EQ(ShmObject(object.name()).size(), after);
+  }
 
   std::string missing = uniqueShmName("missing");
   EXPECT_EQ(testing::thrown<RuntimeControlStoreError>([&] { store::read(missing.c_str(), posix); }),
             RuntimeControlStoreError::openFailed(ENOENT));
-  EXPECT_FALSE(testing::shmExists(missing)) << "the reader never creates the object";
+  EXPECT_EQ(::shm_unlink(missing.c_str()), -1) << "the reader never creates the object";
 }
 
 // Fails chosen calls, one errno per call in the order given (0 lets the call through);
 // everything else reaches the real system.
 constexpr int kNegativeSize = -1;  // as a status "error": the call succeeds with size −1
 class FaultySystem : public SharedMemorySystem {
+  using Real = SharedMemorySystem;
+
  public:
   mutable std::map<std::string, std::vector<int>> errors;
   mutable int unlinks = 0, truncates = 0;
   mutable std::vector<mode_t> modes;
 
   int open(const char* name, int flags, mode_t mode) const override {
-    if (int error = next("open")) return fail(error);
-    return SharedMemorySystem::open(name, flags, mode);
+    return fails("open") ? -1 : Real::open(name, flags, mode);
   }
-  int unlink(const char* name) const override {
-    ++unlinks;
-    return SharedMemorySystem::unlink(name);
-  }
+  int unlink(const char* name) const override { return ++unlinks, Real::unlink(name); }
   int changeMode(int fd, mode_t mode) const override {
-    modes.push_back(mode);
-    return SharedMemorySystem::changeMode(fd, mode);
+    return modes.push_back(mode), Real::changeMode(fd, mode);
   }
   int truncate(int fd, off_t length) const override {
-    ++truncates;
-    if (int error = next("truncate")) return fail(error);
-    return SharedMemorySystem::truncate(fd, length);
+    return ++truncates, fails("truncate") ? -1 : Real::truncate(fd, length);
   }
   int status(int fd, struct stat* info) const override {
-    int error = next("status");
-    if (error > 0) return fail(error);
-    int result = SharedMemorySystem::status(fd, info);
+    const int error = next("status");
+    if (error > 0) return errno = error, -1;
+    const int result = Real::status(fd, info);
     if (error == kNegativeSize) info->st_size = -1;
     return result;
   }
+  // Returns its error rather than setting errno, as posix_fallocate does.
   int reserve(int fd, off_t length) const override {
-    if (int error = next("reserve")) return error;
-    return SharedMemorySystem::reserve(fd, length);
+    const int error = next("reserve");
+    return error != 0 ? error : Real::reserve(fd, length);
   }
   ssize_t readAt(int fd, void* buffer, std::size_t count, off_t offset) const override {
-    if (int error = next("read")) return fail(error);
-    return SharedMemorySystem::readAt(fd, buffer, count, offset);
+    return fails("read") ? -1 : Real::readAt(fd, buffer, count, offset);
   }
   ssize_t writeAt(int fd, const void* buffer, std::size_t count, off_t offset) const override {
-    if (int error = next("write")) return fail(error);
-    return SharedMemorySystem::writeAt(fd, buffer, count, offset);
+    return fails("write") ? -1 : Real::writeAt(fd, buffer, count, offset);
   }
 
  private:
   int next(const std::string& call) const {
     auto& queue = errors[call];
-    if (queue.empty()) return 0;
-    int error = queue.front();
-    queue.erase(queue.begin());
+    const int error = queue.empty() ? 0 : queue.front();
+    if (!queue.empty()) queue.erase(queue.begin());
     return error;
   }
-  static int fail(int error) {
-    errno = error;
-    return -1;
+  bool fails(const std::string& call) const {
+    const int error = next(call);
+    if (error != 0) errno = error;
+    return error != 0;
   }
 };
 
@@ -287,11 +481,7 @@ TEST(ControlBlock, EverySystemCallFailureIsReportedAndClosesWhatWasOpened) {
       {"unresizable object is recreated", 4096, {{"truncate", {EINVAL}}}, std::nullopt, 1},
       {"unresizable twice", 4096, {{"truncate", {EINVAL, EINVAL}}}, E::resizeFailed(EINVAL), 1},
       {"new object cannot be sized", 0, {{"truncate", {ENOSPC}}}, E::resizeFailed(ENOSPC), 0},
-      {"existing small object cannot be sized",
-       4096,
-       {{"truncate", {EFBIG}}},
-       E::resizeFailed(EFBIG),
-       0},
+      {"small object cannot be sized", 4096, {{"truncate", {EFBIG}}}, E::resizeFailed(EFBIG), 0},
       {"open refused", 65536, {{"open", {EACCES}}}, E::openFailed(EACCES), 0},
       {"creation race lost", 0, {{"open", {ENOENT, EEXIST}}}, E::openFailed(EEXIST), 0},
       {"status fails", 65536, {{"status", {EIO}}}, E::invalidState(), 0},
@@ -351,15 +541,13 @@ TEST(ControlBlock, TheKeptWriterRewritesOnlyChangedControlsOrADisturbedObject) {
   FaultySystem system;
   RuntimeControlWriter writer(name, system);
   // Looks and pokes through descriptors of its own; nothing here keeps the object alive.
-  auto word = [&](off_t offset) -> std::optional<std::uint32_t> {
-    UniqueFd fd(::shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0));
+  auto fd = [&](int flags) { return UniqueFd(::shm_open(name.c_str(), flags | O_CLOEXEC, 0)); };
+  auto sequence = [&] {
     std::uint32_t value = 0;
-    if (!fd || ::pread(fd.get(), &value, 4, offset) != 4) return std::nullopt;
-    return value;
+    return ::pread(fd(O_RDONLY).get(), &value, 4, 12) == 4 ? std::optional(value) : std::nullopt;
   };
   auto poke = [&](off_t offset, std::uint32_t value) {
-    UniqueFd fd(::shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0));
-    ASSERT_EQ(::pwrite(fd.get(), &value, 4, offset), 4);
+    ASSERT_EQ(::pwrite(fd(O_RDWR).get(), &value, 4, offset), 4);
   };
   struct Step {
     const char* what;
@@ -374,19 +562,11 @@ TEST(ControlBlock, TheKeptWriterRewritesOnlyChangedControlsOrADisturbedObject) {
       {"a byte between the fields overwritten", [&] { poke(slot(3) + 2000, 0x5A5A5A5A); }, second,
        true},
       {"a field overwritten", [&] { poke(slot(0) + 8, 7); }, second, true},
-      {"shrunk",
-       [&] {
-         UniqueFd fd(::shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0));
-         ASSERT_EQ(::ftruncate(fd.get(), 100), 0);
-       },
-       second, true},
+      {"shrunk", [&] { ASSERT_EQ(::ftruncate(fd(O_RDWR).get(), 100), 0); }, second, true},
       {"removed", [&] { ::shm_unlink(name.c_str()); }, second, true},
       {"replaced by another object",
-       [&] {
-         ::shm_unlink(name.c_str());
-         store::publish(name.c_str(), second, posix);
-       },
-       second, true},
+       [&] { ::shm_unlink(name.c_str()), store::publish(name.c_str(), second, posix); }, second,
+       true},
       {"the write fails", [&] { system.errors["write"] = {EIO}; }, first, true},
       {"after a failed write", [] {}, first, true},
       {"and then settled", [] {}, first, false},
@@ -394,7 +574,7 @@ TEST(ControlBlock, TheKeptWriterRewritesOnlyChangedControlsOrADisturbedObject) {
   for (const Step& step : steps) {
     SCOPED_TRACE(step.what);
     step.disturb();
-    const auto before = word(12);
+    const auto before = sequence();
     bool wrote = true;
     try {
       wrote = writer.publish(step.controls);
@@ -404,9 +584,7 @@ TEST(ControlBlock, TheKeptWriterRewritesOnlyChangedControlsOrADisturbedObject) {
     }
     EXPECT_EQ(wrote, step.writes);
     EXPECT_EQ(store::read(name.c_str(), posix), step.controls);
-    if (!step.writes) {
-      EXPECT_EQ(word(12), before) << "an unchanged block was written";
-    }
+    EXPECT_TRUE(step.writes || sequence() == before) << "an unchanged block was written";
   }
   ::shm_unlink(name.c_str());
 }

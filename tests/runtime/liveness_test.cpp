@@ -1,3 +1,5 @@
+// What the service shows of its life to readers elsewhere: meter readings and the heartbeat.
+
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,9 +13,11 @@
 
 #include "brisola/model/config.hpp"
 #include "brisola/platform/unique_fd.hpp"
+#include "brisola/runtime/heartbeat.hpp"
 #include "brisola/runtime/meter_store.hpp"
 #include "runtime/meter_block.hpp"
 #include "shm_test_support.hpp"
+#include "support/temp_dir.hpp"
 
 namespace brisola {
 namespace {
@@ -21,12 +25,6 @@ namespace {
 using Reading = RuntimeMeterStore::Reading;
 using testing::MeterImage;
 using testing::ShmObject;
-
-// Owner identifiers of this test process only, so parallel runs never meet.
-std::string uniqueOwner(const std::string& tag) {
-  static int counter = 0;
-  return "brisola.test." + std::to_string(::getpid()) + "." + tag + "." + std::to_string(++counter);
-}
 
 TEST(MeterStore, OwnerIdentifiersAndTheirFNV1aObjectNames) {
   std::string passThru(BrisolaCore::passThruDeviceUID);
@@ -69,7 +67,7 @@ TEST(MeterStore, ReadingsOfBothLayoutVersionsAndNothingFromHostileObjects) {
   for (float k = 1; k <= 64; ++k) levels.push_back(0.01f * k), peaks.push_back(0.015f * k);
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    std::string owner = uniqueOwner("versions");
+    std::string owner = testing::uniqueShmName("versions");
     MeterImage image{.channelCount = 2, .levels = levels, .peaks = peaks};
     row.change(image);
     std::optional<ShmObject> object;
@@ -88,7 +86,7 @@ TEST(MeterStore, ReadingsOfBothLayoutVersionsAndNothingFromHostileObjects) {
     EXPECT_EQ(testing::openDescriptorCount(), descriptors);
   }
 
-  const std::string owner = uniqueOwner("nonfinite");
+  const std::string owner = testing::uniqueShmName("nonfinite");
   ShmObject object(RuntimeMeterStore::objectName(owner), 4096);
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const float inf = std::numeric_limits<float>::infinity();
@@ -100,7 +98,7 @@ TEST(MeterStore, ReadingsOfBothLayoutVersionsAndNothingFromHostileObjects) {
 // A producer in the manner of another process writes two readings in turn with the sequence
 // protocol (atomic word stores into its mapping); the reader copies through its descriptor.
 TEST(MeterStore, AReaderNeverAcceptsATornReading) {
-  const std::string owner = uniqueOwner("torn");
+  const std::string owner = testing::uniqueShmName("torn");
   ShmObject object(RuntimeMeterStore::objectName(owner), 4096);
   auto word = [&](std::size_t offset) {
     return std::atomic_ref<std::uint32_t>(
@@ -126,7 +124,7 @@ TEST(MeterStore, AReaderNeverAcceptsATornReading) {
 // The publisher keeps its object open for its whole life; another user shrinks it at random
 // while it publishes and a reader reads. Neither dies, and the next publish makes it whole.
 TEST(MeterStore, ShrinkingTheObjectUnderPublisherAndReaderKillsNeither) {
-  const std::string owner = uniqueOwner("storm");
+  const std::string owner = testing::uniqueShmName("storm");
   MeterPublisher publisher(owner, 2);
   const std::vector<float> levels{0.5f, 0.25f};
   std::atomic<bool> stop{false};
@@ -169,6 +167,79 @@ TEST(MeterTap, ReadingsGoStaleWhenTheyStopChanging) {
   tap.update({{"m", a}, {"n", a}}, 11.1);
   EXPECT_EQ(tap.reading("m", 11.1), a);
   EXPECT_EQ(tap.reading("n", 11.1), std::nullopt);
+}
+
+// Heartbeat.
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::system_clock;
+using namespace std::chrono_literals;
+
+// Whole seconds, so any file system keeps the time exactly.
+const Clock::time_point beatTime = Clock::time_point(1'700'000'000s);
+
+class FixedDirectories : public FileManagerWrapper {
+ public:
+  FixedDirectories(std::vector<fs::path> directories)
+      : FileManagerWrapper(FileManager::defaultManager()), directories_(std::move(directories)) {}
+  std::vector<fs::path> applicationSupportDirectories() const override { return directories_; }
+
+ private:
+  std::vector<fs::path> directories_;
+};
+
+// Fails every step, recording the calls.
+class BrokenFiles : public FixedDirectories {
+ public:
+  BrokenFiles() : FixedDirectories({}) {}
+  mutable std::vector<std::string> calls;
+  bool fileExists(const fs::path&) const override { return calls.push_back("exists"), false; }
+  void createDirectory(const fs::path& path, bool intermediates) const override {
+    fail("directory " + path.filename().string() + (intermediates ? " with intermediates" : ""));
+  }
+  void createFile(const fs::path&) const override { fail("file"); }
+  void setModificationDate(const fs::path&, Clock::time_point) const override { fail("date"); }
+  std::optional<Clock::time_point> modificationDate(const fs::path&) const override {
+    fail("read date");
+  }
+
+ private:
+  [[noreturn]] void fail(std::string call) const {
+    calls.push_back(std::move(call));
+    throw fs::filesystem_error("refused", std::make_error_code(std::errc::permission_denied));
+  }
+};
+
+TEST(ServiceHeartbeat, BeatCreatesDirectoryAndEmptyFileThenMovesOnlyTheDateAndNeverThrows) {
+  EXPECT_EQ(BrisolaCore::serviceHeartbeatFileURL(FixedDirectories({"/a/support", "/b"})),
+            fs::path("/a/support/Brisola/service-heartbeat"));
+  EXPECT_EQ(BrisolaCore::serviceHeartbeatFileURL(FixedDirectories({})), std::nullopt);
+
+  testing::TempDir temp;
+  fs::path file = temp / "deep" / "Brisola" / "service-heartbeat";
+  EXPECT_FALSE(ServiceHeartbeat::isFresh(file, beatTime));
+  EXPECT_EQ(ServiceHeartbeat::lastBeat(file), std::nullopt);
+  ServiceHeartbeat::beat(file, beatTime);
+  EXPECT_EQ(testing::readFile(file), "");
+  EXPECT_EQ(ServiceHeartbeat::lastBeat(file), beatTime);
+  // Fresh for ten seconds, and when in the future.
+  EXPECT_TRUE(ServiceHeartbeat::isFresh(file, beatTime + 10s));
+  EXPECT_FALSE(ServiceHeartbeat::isFresh(file, beatTime + 10001ms));
+  EXPECT_TRUE(ServiceHeartbeat::isFresh(file, beatTime - 1h));
+
+  testing::writeFile(file, "kept");
+  ServiceHeartbeat::beat(file, beatTime + 5s);
+  EXPECT_EQ(testing::readFile(file), "kept");
+  EXPECT_EQ(ServiceHeartbeat::lastBeat(file), beatTime + 5s);
+
+  // Every step fails; the beat goes through all of them and never throws.
+  BrokenFiles files;
+  const fs::path nowhere = "/nowhere/Brisola/service-heartbeat";
+  EXPECT_NO_THROW(ServiceHeartbeat::beat(nowhere, beatTime, files));
+  EXPECT_FALSE(ServiceHeartbeat::isFresh(nowhere, beatTime, files));
+  EXPECT_EQ(ServiceHeartbeat::lastBeat(nowhere, files), std::nullopt);
+  EXPECT_THAT(files.calls, ::testing::ElementsAre("exists", "directory Brisola with intermediates",
+                                                  "file", "date", "read date", "read date"));
 }
 
 }  // namespace
