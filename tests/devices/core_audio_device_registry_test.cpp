@@ -1,11 +1,16 @@
-#include "brisola/devices/core_audio_device_registry.hpp"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unicode/locid.h>
 
+#include <atomic>
+#include <filesystem>
 #include <nlohmann/json.hpp>
+#include <regex>
 
-#include "devices/fixed_locale.hpp"
+#include "brisola/devices/core_audio_device_registry.hpp"
+#include "brisola/platform/file_manager.hpp"
+#include "support/system_helpers.hpp"
 #include "support/test_hardware.hpp"
 
 namespace brisola {
@@ -13,31 +18,48 @@ namespace {
 
 using testing::bytesOf;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using testing::ScopedEnvironment;
+using testing::TempDir;
 using testing::TestHardware;
+using testing::writeFile;
 using Registry = CoreAudioDeviceRegistry;
 using Json = nlohmann::json;
+
+// Ordering by name follows ICU's default locale, which comes from the environment (LANG,
+// LC_ALL; "C" gives en_US_POSIX). Tests that check an order fix the locale for their duration.
+class FixedICULocale {
+ public:
+  explicit FixedICULocale(const char* name) : previous_(icu::Locale::getDefault()) {
+    UErrorCode status = U_ZERO_ERROR;
+    icu::Locale::setDefault(icu::Locale(name), status);
+  }
+  ~FixedICULocale() {
+    UErrorCode status = U_ZERO_ERROR;
+    icu::Locale::setDefault(previous_, status);
+  }
+  FixedICULocale(const FixedICULocale&) = delete;
+  FixedICULocale& operator=(const FixedICULocale&) = delete;
+
+ private:
+  icu::Locale previous_;
+};
 
 constexpr auto kInput = kAudioObjectPropertyScopeInput;
 constexpr AudioObjectID kSystem = kAudioObjectSystemObject;
 
-std::vector<std::string> names(const std::vector<AudioDeviceInfo>& devices) {
+// Names of devices or summaries, in order.
+template <class T>
+std::vector<std::string> names(const std::vector<T>& devices) {
   std::vector<std::string> result;
   for (const auto& device : devices) result.push_back(device.name);
   return result;
 }
 
-std::vector<std::string> summaryNames(const HardwareLayer& hardware) {
-  std::vector<std::string> result;
-  for (const auto& summary : Registry::brisolaDeviceSummaries(hardware)) {
-    result.push_back(summary.name);
-  }
-  return result;
-}
-
 class RegistryTest : public ::testing::Test {
  protected:
-  testing::FixedICULocale locale_{"en_US"};
+  FixedICULocale locale_{"en_US"};
 };
 
 TEST_F(RegistryTest, NoDevicesOrProcessesGiveEmptyAnswersWhetherListedOrUnreadable) {
@@ -212,7 +234,7 @@ TEST_F(RegistryTest, SummariesSortByUnicodeScalarValueAndStably) {
       {"objectID": 73, "uid": "app.brisola.device.z", "name": "first z"},
       {"objectID": 74, "uid": "app.brisola.device.Z", "name": "capital"},
       {"objectID": 75, "uid": "app.brisola.device.z", "name": "second z"}]})");
-  EXPECT_THAT(summaryNames(hardware),
+  EXPECT_THAT(names(Registry::brisolaDeviceSummaries(hardware)),
               ElementsAre("capital", "first z", "second z", "e acute", "replacement", "linear b"));
 }
 
@@ -254,7 +276,7 @@ TEST_F(RegistryTest, EqualKeysKeepTheirListOrderHoweverLongTheList) {
     processes.push_back(candidate.processObjectID.value_or(0));
   }
   EXPECT_EQ(names(Registry::deviceInventory(hardware).outputs), expectedNames);
-  EXPECT_EQ(summaryNames(hardware), expectedNames);
+  EXPECT_EQ(names(Registry::brisolaDeviceSummaries(hardware)), expectedNames);
   EXPECT_EQ(processes, expectedProcesses);
 }
 
@@ -271,21 +293,20 @@ TEST(RegistryUIDTest, ProductUIDsAreThePassThruAndThePrefixedOnes) {
 
 TEST_F(RegistryTest, PlugInIsLoadedOnlyWhenItsBundleIDTranslatesToAnObject) {
   EXPECT_FALSE(Registry::halPlugInIsLoaded(TestHardware("{}")));
-  struct Row {
-    const char* plugIns;
-    bool translationFails, expected;
-  };
-  for (const Row& row : {Row{R"({"app.brisola.hal": 7})", false, true},
-                         Row{R"({"app.brisola.hal": 0})", false, false},
-                         Row{R"({"app.brisola.hal2": 7})", false, false},
-                         Row{R"({"app.brisola.hal": 7})", true, false}}) {
-    SCOPED_TRACE(::testing::Message() << row.plugIns << " " << row.translationFails);
-    TestHardware hardware(std::string(R"({"plugIns": )") + row.plugIns + "}");
-    if (row.translationFails) {
+  // The plug-in list, whether translating fails, and the answer.
+  for (const auto& [plugIns, translationFails, expected] :
+       std::vector<std::tuple<std::string, bool, bool>>{
+           {R"({"app.brisola.hal": 7})", false, true},
+           {R"({"app.brisola.hal": 0})", false, false},
+           {R"({"app.brisola.hal2": 7})", false, false},
+           {R"({"app.brisola.hal": 7})", true, false}}) {
+    SCOPED_TRACE(plugIns + (translationFails ? " failing" : ""));
+    TestHardware hardware(R"({"plugIns": )" + plugIns + "}");
+    if (translationFails) {
       hardware.set(kSystem, {kAudioHardwarePropertyTranslateBundleIDToPlugIn},
                    {.status = kAudioHardwareUnknownPropertyError, .bytes = bytesOf<int>({7})});
     }
-    EXPECT_EQ(Registry::halPlugInIsLoaded(hardware), row.expected);
+    EXPECT_EQ(Registry::halPlugInIsLoaded(hardware), expected);
   }
 }
 
@@ -357,6 +378,165 @@ TEST_F(RegistryTest, CandidatesCarryTheirIdentityAndSortInFileBrowserOrderWithou
   for (const auto& candidate : candidates) shown.push_back(candidate.displayName);
   EXPECT_THAT(shown, ElementsAre("Alpha 2", "alpha 2", "Alpha 10", "zeta"));
   EXPECT_EQ(candidates[1].pid, 13);
+}
+
+constexpr const char* kVariable = "BRISOLA_HARDWARE_SIMULATION";
+
+// Replaces the file in one step, as a user swapping hardware files under a running service
+// would.
+void replaceFile(const std::filesystem::path& path, std::string_view bytes) {
+  const auto temporary = path.parent_path() / ".replacement.json";
+  writeFile(temporary, bytes);
+  std::filesystem::rename(temporary, path);
+}
+
+class SimulatedHardwareTest : public ::testing::Test {
+ protected:
+  FixedICULocale locale_{"en_US"};
+  TempDir dir_;
+  std::filesystem::path file_ = dir_ / "hardware.json";
+};
+
+TEST_F(SimulatedHardwareTest, ExampleFileDescribesAMachineTheExampleDocumentCanUse) {
+  auto layer = HardwareBackend::simulated(std::filesystem::path(BRISOLA_SOURCE_DIR) / "examples" /
+                                          "hardware-simulation.json")
+                   ->snapshot();
+  ASSERT_EQ(layer->unavailableReason(), std::nullopt);
+
+  // The example document plays on the speakers and records from the USB interface.
+  EXPECT_TRUE(Registry::containsDevice(*layer, "USBAudioInterface"));
+  EXPECT_TRUE(Registry::passThruDeviceIsLoaded(*layer) && Registry::halPlugInIsLoaded(*layer));
+  auto inventory = Registry::deviceInventory(*layer);
+  ASSERT_FALSE(inventory.inputs.empty() || inventory.outputs.empty());
+  EXPECT_TRUE(inventory.inputs[0].isDefault && inventory.outputs[0].isDefault);
+  EXPECT_EQ(inventory.outputs[0].uid, "BuiltInSpeakerDevice");
+  EXPECT_THAT(Registry::applicationSourceCandidates(*layer),
+              ElementsAre(::testing::Field(&ApplicationSourceCandidate::displayName, "Sketchpad")));
+}
+
+// The environment names the file, and every call without a view reads it afresh.
+TEST_F(SimulatedHardwareTest, TheEnvironmentNamesTheFileAndEveryCallReadsItAfresh) {
+  ScopedEnvironment simulation(kVariable, file_.string());
+  writeFile(file_, R"({"devices": [
+      {"objectID": 41, "uid": "Mic", "name": "Mic", "inputStreams": [2]},
+      {"objectID": 42, "uid": "app.brisola.device.x", "name": "Mix", "outputStreams": [2]}],
+    "processes": [{"objectID": 90, "pid": 10, "bundleID": "com.example.app"}],
+    "applications": [{"pid": 10, "localizedName": "App", "activationPolicy": "regular"}]})");
+  EXPECT_EQ(HardwareBackend::current()->status(), std::nullopt);
+  const auto layer = HardwareBackend::current()->snapshot();
+  EXPECT_THAT(Registry::allDeviceUIDs(), ElementsAre("Mic", "app.brisola.device.x"));
+  EXPECT_TRUE(Registry::containsDevice("Mic"));
+  EXPECT_EQ(Registry::deviceInventory(), Registry::deviceInventory(*layer));
+  EXPECT_EQ(Registry::brisolaDeviceSummaries().size(), 1u);
+  EXPECT_EQ(Registry::applicationSourceCandidates().size(), 1u);
+  EXPECT_FALSE(Registry::passThruDeviceIsLoaded());
+  EXPECT_FALSE(Registry::halPlugInIsLoaded());
+
+  // The driver is loaded and the other devices unplugged: the next call sees it.
+  replaceFile(file_, R"({"devices": [{"objectID": 41, "uid": "dev.kestrine.pass-thru"}],
+                        "plugIns": {"app.brisola.hal": 7}})");
+  EXPECT_TRUE(Registry::passThruDeviceIsLoaded());
+  EXPECT_TRUE(Registry::halPlugInIsLoaded());
+  EXPECT_THAT(Registry::applicationSourceCandidates(), IsEmpty());
+}
+
+// A hostile file used to make the registry name 2^32 channels (and loop for ever at the top).
+TEST_F(SimulatedHardwareTest, AbsurdChannelCountsAreBounded) {
+  ScopedEnvironment simulation(kVariable, file_.string());
+  writeFile(file_, R"({"devices": [{"objectID": 41, "uid": "Huge", "name": "Huge",
+      "inputStreams": [4294967295, 4294967295], "inputChannelNames": ["A"]}]})");
+  const auto inventory = Registry::deviceInventory();
+  ASSERT_EQ(inventory.inputs.size(), 1u);
+  EXPECT_EQ(inventory.inputs[0].channelCount, Registry::maximumChannelCount);
+}
+
+// Counts whole-file reads.
+class CountingFileManager : public FileManagerWrapper {
+ public:
+  using FileManagerWrapper::FileManagerWrapper;
+  std::string contents(const std::filesystem::path& path) const override {
+    ++reads;
+    return FileManagerWrapper::contents(path);
+  }
+  mutable std::atomic<int> reads{0};
+};
+
+TEST_F(SimulatedHardwareTest, OneSnapshotIsOneReadAndKeepsItsViewWhileTheFileChanges) {
+  auto files = std::make_shared<CountingFileManager>(FileManager::defaultManager());
+  auto backend = HardwareBackend::simulated(file_, files);
+  writeFile(file_, R"({"devices": [{"objectID": 41, "uid": "Old", "name": "Old",
+                                    "outputStreams": [2]}]})");
+  auto before = backend->snapshot();
+  replaceFile(file_, R"({"devices": [{"objectID": 41, "uid": "New", "name": "New",
+                                      "outputStreams": [2]}]})");
+
+  EXPECT_THAT(Registry::deviceInventory(*before).outputs,
+              ElementsAre(::testing::Field(&AudioDeviceInfo::name, "Old")));
+  EXPECT_THAT(Registry::allDeviceUIDs(*before), ElementsAre("Old"));
+  EXPECT_EQ(files->reads, 1);
+  EXPECT_THAT(Registry::allDeviceUIDs(*backend->snapshot()), ElementsAre("New"));
+  EXPECT_EQ(files->reads, 2);
+}
+
+TEST_F(SimulatedHardwareTest, BrokenOrMissingHardwareGivesEmptyAnswersAndSaysWhy) {
+  struct Row {
+    std::optional<std::string> variable;  // nullopt: unset; "<file>": the test's file
+    std::optional<std::string> contents;  // nullopt: no file
+    std::vector<std::string> reasonParts;
+  };
+  const std::string f = "<file>";
+  const std::vector<Row> rows{
+      {std::nullopt, std::nullopt, {"No PipeWire", "<dir>"}},
+      {f, std::nullopt, {f, "No such file or directory"}},
+      {"<dir>", std::nullopt, {"<dir>", "Is a directory"}},
+      {f, "<fifo>", {f, "Invalid argument"}},  // read without blocking
+      {f, "{\"devices\": [", {f, "is malformed", "not valid JSON"}},
+      {f, "[]", {"is malformed", "the top level", "an object"}},
+      {f, R"({"devices": [{"uid": "x"}]})", {"devices[0].objectID", "required key is missing"}},
+      {f, R"({"devices": [{"objectID": 4294967296}]})", {"devices[0].objectID", "unsigned 32"}},
+      {f, R"({"processes": [{"objectID": 1}]})", {"processes[0].objectID", "system object"}},
+      {f,
+       R"({"devices": [{"objectID": 41}], "processes": [{"objectID": 41}]})",
+       {"processes[0].objectID", "already used at devices[0].objectID"}},
+      {f,
+       R"({"devices": [{"objectID": 41, "inputChannelNames": [3]}]})",
+       {"devices[0].inputChannelNames[0]", "a string"}},
+      {f,
+       R"({"applications": [{"pid": 1, "activationPolicy": "x"}]})",
+       {"applications[0].activationPolicy", "\"x\""}},
+      {f,
+       R"({"applications": [{"pid": 1, "activationPolicy": "regular"},
+                                {"pid": 1, "activationPolicy": "regular"}]})",
+       {"applications[1].pid"}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.variable.value_or("unset") + " " + row.contents.value_or("(no file)"));
+    TempDir dir;
+    const auto file = dir / "hardware.json";
+    auto resolve = [&](const std::string& text) {
+      return std::regex_replace(std::regex_replace(text, std::regex("<file>"), file.string()),
+                                std::regex("<dir>"), dir.path().string());
+    };
+    if (row.contents == "<fifo>") {
+      ::mkfifo(file.c_str(), 0600);
+    } else if (row.contents) {
+      writeFile(file, *row.contents);
+    }
+    ScopedEnvironment simulation(
+        kVariable, row.variable ? std::optional(resolve(*row.variable)) : std::nullopt);
+    ScopedEnvironment noServer("PIPEWIRE_RUNTIME_DIR", dir.path().string());
+
+    const auto reason = HardwareBackend::current()->status();
+    ASSERT_TRUE(reason.has_value());
+    for (const auto& part : row.reasonParts) EXPECT_THAT(*reason, HasSubstr(resolve(part)));
+
+    EXPECT_THAT(Registry::allDeviceUIDs(), IsEmpty());
+    EXPECT_FALSE(Registry::passThruDeviceIsLoaded());
+    EXPECT_FALSE(Registry::halPlugInIsLoaded());
+    EXPECT_EQ(Registry::deviceInventory(), AudioDeviceInventory{});
+    EXPECT_THAT(Registry::brisolaDeviceSummaries(), IsEmpty());
+    EXPECT_THAT(Registry::applicationSourceCandidates(), IsEmpty());
+  }
 }
 
 }  // namespace

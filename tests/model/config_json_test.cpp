@@ -1,12 +1,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <tuple>
 #include <variant>
 
+#include "brisola/devices/core_audio_device_registry.hpp"
+#include "brisola/editing/config_editor.hpp"
+#include "brisola/ipc/exchange_records.hpp"
 #include "brisola/model/json_coding.hpp"
+#include "brisola/runtime/control_store.hpp"
+#include "brisola/store/config_store.hpp"
 #include "model/config_json.hpp"
 #include "support/documents.hpp"
 #include "support/thrown.hpp"
@@ -43,20 +50,6 @@ DecodingError decodeFailure(const std::string& text) {
       .value_or(DecodingError(DecodingError::Kind::dataCorrupted, "(none)", ""));
 }
 
-// Checks that every object's keys appear in sorted order in the written text.
-void expectKeysSortedEverywhere(const nlohmann::ordered_json& value, const std::string& where) {
-  if (value.is_object()) {
-    std::string previous;
-    for (const auto& [key, member] : value.items()) {
-      EXPECT_LT(previous, key) << "keys out of order in " << where;
-      previous = key;
-      expectKeysSortedEverywhere(member, where + "." + key);
-    }
-  } else if (value.is_array()) {
-    for (const auto& element : value) expectKeysSortedEverywhere(element, where + "[]");
-  }
-}
-
 TEST(ConfigJSON, AbsentAndNullOptionalKeysTakeTheirDefaultsAndAreWrittenBack) {
   for (bool withNulls : {false, true}) {
     SCOPED_TRACE(withNulls ? "null" : "absent");
@@ -68,14 +61,15 @@ TEST(ConfigJSON, AbsentAndNullOptionalKeysTakeTheirDefaultsAndAreWrittenBack) {
         d["devices"][0][key] = nullptr;
       }
       d["devices"][0]["sources"][0]["muteWhenCapturing"] = nullptr;
+      d["devices"][0]["sources"][0]["metadata"] = {{"unknown", nullptr}, {"pid", nullptr}};
       d["ui"]["selectedDeviceID"] = nullptr;
     }));
     const DeviceConfig& device = snapshot.devices.at(0);
     EXPECT_EQ(std::tuple(device.volume, device.uid, device.icon, device.channelGains),
               std::tuple(1.0, "app.brisola.device.later", "waveform.circle", std::nullopt));
-    EXPECT_FALSE(device.sources.at(0).muteWhenCapturing);
-    EXPECT_FALSE(snapshot.ui.selectedDeviceID.has_value());
-
+    EXPECT_EQ(std::tuple(device.sources.at(0).muteWhenCapturing, device.sources[0].metadata,
+                         snapshot.ui.selectedDeviceID),
+              std::tuple(false, SourceMetadata{}, std::nullopt));
     auto written = Json::parse(encodeJSON(snapshot));
     EXPECT_EQ(written["devices"][0]["uid"], "app.brisola.device.later");
     EXPECT_FALSE(written["devices"][0].contains("channelGains"));
@@ -89,6 +83,14 @@ TEST(ConfigJSON, AbsentAndNullOptionalKeysTakeTheirDefaultsAndAreWrittenBack) {
   }));
   EXPECT_EQ(snapshot.devices[0].uid, "other");
   EXPECT_EQ(Json::parse(encodeJSON(snapshot))["devices"][0]["channelGains"], Json::array());
+  // Unknown keys, any schema version, integer-looking reals and whole-valued integers.
+  snapshot = decodeJSON<ConfigSnapshot>(
+      R"({"schemaVersion":7,"future":{"x":[1,2]},"ui":{"appearance":"dark","extra":1},
+          "devices":[{"id":"d","name":"D","enabled":false,"sampleRate":44100,
+          "channelCount":4.0,"volume":2,"sources":[],"monitors":[],"wires":[]}]})");
+  EXPECT_EQ(std::tuple(snapshot.schemaVersion, snapshot.devices[0].sampleRate,
+                       snapshot.devices[0].channelCount, snapshot.ui.appearance),
+            std::tuple(7, 44100.0, 4, Appearance::dark));
 }
 
 TEST(ConfigJSON, RichDocumentRoundTripsSortedPrettyAndWithShortestReals) {
@@ -103,7 +105,8 @@ TEST(ConfigJSON, RichDocumentRoundTripsSortedPrettyAndWithShortestReals) {
     EXPECT_THAT(text, HasSubstr(part));
   }
   EXPECT_EQ(text.find("\\/"), std::string::npos);
-  expectKeysSortedEverywhere(nlohmann::ordered_json::parse(text), "document");
+  // The keys of every object are written sorted: kept in written order, they dump as sorted.
+  EXPECT_EQ(nlohmann::ordered_json::parse(text).dump(), Json::parse(text).dump());
   EXPECT_EQ(Json::parse(encodeJSON(ConfigSnapshot::empty())),
             Json::parse(R"({"devices":[],"schemaVersion":2,"ui":{"appearance":"system"}})"));
   // Text that is not UTF-8 is refused at its own path.
@@ -111,23 +114,6 @@ TEST(ConfigJSON, RichDocumentRoundTripsSortedPrettyAndWithShortestReals) {
   const auto error = testing::thrown<EncodingError>([&] { encodeJSON(original); });
   ASSERT_TRUE(error) << "text that is not UTF-8 was written";
   EXPECT_EQ(error->path(), "devices[1].sources[0].name") << error->what();
-}
-
-TEST(ConfigJSON, ReadingAcceptsWhatTheFormatAllows) {
-  // Unknown keys, any schema version, integer-looking reals and whole-valued integers.
-  ConfigSnapshot snapshot = decodeJSON<ConfigSnapshot>(
-      R"({"schemaVersion":7,"future":{"x":[1,2]},"ui":{"appearance":"dark","extra":1},
-          "devices":[{"id":"d","name":"D","enabled":false,"sampleRate":44100,
-          "channelCount":4.0,"volume":2,"sources":[],"monitors":[],"wires":[]}]})");
-  EXPECT_EQ(snapshot.schemaVersion, 7);
-  EXPECT_EQ(snapshot.devices[0].sampleRate, 44100.0);
-  EXPECT_EQ(snapshot.devices[0].channelCount, 4);
-  EXPECT_EQ(snapshot.ui.appearance, Appearance::dark);
-
-  auto nulls = decodeJSON<ConfigSnapshot>(changed([](Json& d) {
-    d["devices"][0]["sources"][0]["metadata"] = {{"unknown", nullptr}, {"pid", nullptr}};
-  }));
-  EXPECT_EQ(nulls.devices[0].sources[0].metadata, SourceMetadata{});
 }
 
 // The fast way reads what it takes exactly as the nlohmann way does, and leaves to it what it
@@ -170,65 +156,48 @@ TEST(ConfigJSON, TheFastWayReadsAsTheNlohmannWayOrLeavesTheDocumentToIt) {
   }
 }
 
-struct FailureCase {
-  const char* name;
-  std::string text;
-  DecodingError::Kind kind;
-  std::string path;
-};
+// The base document with the value at a JSON pointer replaced.
+std::string with(const char* pointer, const Json& value) {
+  return changed([&](Json& d) { d[Json::json_pointer(pointer)] = value; });
+}
 
 TEST(ConfigJSON, ReadFailuresNameTheKeyPathAndTheProblem) {
   using Kind = DecodingError::Kind;
-  auto device = [](Json& d) -> Json& { return d["devices"][0]; };
-  auto source = [&](Json& d, int i) -> Json& { return device(d)["sources"][i]; };
-  std::vector<FailureCase> cases = {
-      {"missing channelCount in the second source",
-       changed([&](Json& d) { source(d, 1).erase("channelCount"); }), Kind::keyNotFound,
-       "devices[0].sources[1].channelCount"},
-      {"enumeration in the wrong case",
-       changed([&](Json& d) { source(d, 0)["type"] = "PassThru"; }), Kind::unknownCase,
+  const std::string wire = R"([{"id":"w","from":{"kind":"source","ownerID":"s","channel":1},
+                                "to":{"kind":"output","ownerID":"d","channel":1}}])";
+  const std::vector<std::tuple<std::string, Kind, std::string>> cases{
+      {changed([](Json& d) { d["devices"][0]["sources"][1].erase("channelCount"); }),
+       Kind::keyNotFound, "devices[0].sources[1].channelCount"},
+      {with("/devices/0/sources/0/type", "PassThru"), Kind::unknownCase,
        "devices[0].sources[0].type"},
-      {"fractional integer", changed([&](Json& d) { device(d)["channelCount"] = 2.5; }),
-       Kind::typeMismatch, "devices[0].channelCount"},
-      {"pid beyond 32 bits",
-       changed([&](Json& d) { source(d, 0)["metadata"]["pid"] = 4294967296ULL; }),
-       Kind::valueOutOfRange, "devices[0].sources[0].metadata.pid"},
-      {"negative process object",
-       changed([&](Json& d) { source(d, 1)["metadata"]["processObjectID"] = -1; }),
-       Kind::valueOutOfRange, "devices[0].sources[1].metadata.processObjectID"},
-      {"string for a number", changed([&](Json& d) { device(d)["volume"] = "1.0"; }),
-       Kind::typeMismatch, "devices[0].volume"},
-      {"null for a required key", changed([&](Json& d) { source(d, 0)["gain"] = nullptr; }),
-       Kind::typeMismatch, "devices[0].sources[0].gain"},
-      {"object for a list", changed([](Json& d) { d["devices"] = Json::object(); }),
-       Kind::typeMismatch, "devices"},
-      {"wire endpoint kind", changed([&](Json& d) {
-         device(d)["wires"] = Json::parse(R"([{"id":"w","from":{"kind":"source","ownerID":"s",
-             "channel":1},"to":{"kind":"output","ownerID":"d","channel":1}}])");
-       }),
-       Kind::unknownCase, "devices[0].wires[0].to.kind"},
-      {"array at the top", "[]", Kind::typeMismatch, ""},
-      {"not JSON", "schemaVersion: 2", Kind::dataCorrupted, ""},
-      {"number beyond a double", R"({"schemaVersion":2,"devices":[],"ui":{"appearance":1e400}})",
-       Kind::dataCorrupted, ""},
-      {"invalid UTF-8", "{\"schemaVersion\":2,\"devices\":[],\"ui\":{\"appearance\":\"\xff\"}}",
-       Kind::dataCorrupted, ""},
-      {"garbage after a NUL byte", std::string(R"({"schemaVersion":2,"devices":[]})") + '\0' + "x",
-       Kind::dataCorrupted, ""},
-      {"repeated key in an array element",
-       R"({"schemaVersion":2,"devices":[{"id":"a"},{"id":"b","name":"x","name":"y"}]})",
+      {with("/devices/0/channelCount", 2.5), Kind::typeMismatch, "devices[0].channelCount"},
+      {with("/devices/0/sources/0/metadata/pid", 4294967296ULL), Kind::valueOutOfRange,
+       "devices[0].sources[0].metadata.pid"},
+      {with("/devices/0/sources/1/metadata/processObjectID", -1), Kind::valueOutOfRange,
+       "devices[0].sources[1].metadata.processObjectID"},
+      {with("/devices/0/volume", "1.0"), Kind::typeMismatch, "devices[0].volume"},
+      {with("/devices/0/sources/0/gain", nullptr), Kind::typeMismatch,
+       "devices[0].sources[0].gain"},
+      {with("/devices", Json::object()), Kind::typeMismatch, "devices"},
+      {with("/devices/0/wires", Json::parse(wire)), Kind::unknownCase,
+       "devices[0].wires[0].to.kind"},
+      {"[]", Kind::typeMismatch, ""},
+      {"schemaVersion: 2", Kind::dataCorrupted, ""},
+      {R"({"schemaVersion":2,"devices":[],"ui":{"appearance":1e400}})", Kind::dataCorrupted, ""},
+      {"{\"schemaVersion\":2,\"devices\":[],\"ui\":{\"appearance\":\"\xff\"}}", Kind::dataCorrupted,
+       ""},
+      {std::string(R"({"schemaVersion":2,"devices":[]})") + '\0' + "x", Kind::dataCorrupted, ""},
+      {R"({"schemaVersion":2,"devices":[{"id":"a"},{"id":"b","name":"x","name":"y"}]})",
        Kind::dataCorrupted, "devices[1].name"},
-      {"repeated top-level key", R"({"schemaVersion":2,"devices":[],"schemaVersion":2})",
-       Kind::dataCorrupted, "schemaVersion"},
+      {R"({"schemaVersion":2,"devices":[],"schemaVersion":2})", Kind::dataCorrupted,
+       "schemaVersion"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    DecodingError error = decodeFailure(c.text);
-    EXPECT_EQ(error.kind(), c.kind) << error.what();
-    EXPECT_EQ(error.path(), c.path) << error.what();
-    if (!c.path.empty()) {
-      EXPECT_THAT(error.what(), HasSubstr(c.path));
-    }
+  for (const auto& [text, kind, path] : cases) {
+    SCOPED_TRACE(text);
+    DecodingError error = decodeFailure(text);
+    EXPECT_EQ(error.kind(), kind) << error.what();
+    EXPECT_EQ(error.path(), path) << error.what();
+    EXPECT_THAT(error.what(), HasSubstr(path));
   }
 }
 
@@ -256,6 +225,160 @@ TEST(MakeDefault, TakesIdentifiersFromTheFactoryInContractOrder) {
                     testing::wire("n4", testing::sourceEnd("n2", 2), testing::outputEnd("n1", 2))};
   EXPECT_EQ(device, expected);
   EXPECT_EQ(device.uid, "app.brisola.device.n1");
+}
+
+// The texts other programs and users read: every record's JSON form, every enumeration's
+// spelling and every error's description.
+
+using Keys = std::set<std::string>;
+
+// Reads back equal, is written with exactly the required and optional keys, and is refused
+// without a required key, the failure naming it.
+template <class T>
+void expectForm(const T& sample, const Keys& required, const Keys& optional = {}) {
+  const std::string text = encodeJSON(sample);
+  EXPECT_EQ(decodeJSON<T>(text), sample) << text;
+  const Json written = Json::parse(text);
+  Keys keys, expected = required;
+  expected.insert(optional.begin(), optional.end());
+  for (const auto& [key, value] : written.items()) keys.insert(key);
+  EXPECT_EQ(keys, expected);
+  for (const auto& key : keys) {
+    SCOPED_TRACE("without " + key);
+    Json missing = written;
+    missing.erase(key);
+    if (optional.contains(key)) {
+      EXPECT_NO_THROW(decodeJSON<T>(missing.dump()));
+      continue;
+    }
+    const auto error = testing::thrown<DecodingError>([&] { decodeJSON<T>(missing.dump()); });
+    EXPECT_EQ(error.value_or(DecodingError({}, "(none)", "")),
+              DecodingError(DecodingError::Kind::keyNotFound, key, "the required key is missing"));
+  }
+}
+
+TEST(JSONForms, EveryRecordRoundTripsWithItsKeysAndNamesAMissingOne) {
+  const ConfigSnapshot rich = testing::richSnapshot();
+  const DeviceConfig& studio = rich.devices[0];
+  expectForm(rich, {"schemaVersion", "devices", "ui"});
+  expectForm(
+      studio,
+      {"id", "name", "enabled", "sampleRate", "channelCount", "sources", "monitors", "wires"},
+      {"volume", "channelGains", "uid", "icon"});
+  expectForm(studio.sources[1],
+             {"id", "type", "name", "enabled", "muted", "gain", "channelCount", "metadata"},
+             {"channelGains", "muteWhenCapturing"});
+  expectForm(studio.monitors[0],
+             {"id", "name", "enabled", "muted", "gain", "deviceUID", "channelCount"},
+             {"channelGains"});
+  expectForm(studio.wires[0], {"id", "from", "to"});
+
+  const ValidationIssue issue{"device.emptyName", "Quote \" and caf\u00E9.", "devices[0].name"};
+  expectForm(issue, {"code", "message", "path"});
+  const ValidationResult validation{.errors = {issue, issue}, .warnings = {}};
+  expectForm(validation, {"errors", "warnings"});
+  expectForm(
+      HealthReport{"1.2.3", "14.4.0", "/x/Application Support/Brisola/config.json", 3, validation,
+                   PermissionStatus::granted, PermissionStatus::notDetermined, true},
+      {"agentVersion", "minimumSupportedOS", "configURL", "deviceCount", "validation",
+       "audioCapturePermission", "microphonePermission", "halDriverLoaded"});
+  expectForm(ApplicationSourceCandidate{"A", "com.example.a", 2147483647, 18446744073709551615ULL},
+             {"displayName"}, {"bundleIdentifier", "pid", "processObjectID"});
+  const AudioDeviceInfo mic{"mic", "Mic", 2, true, std::vector<std::string>{"Left", ""}};
+  expectForm(mic, {"uid", "name", "channelCount", "isDefault"}, {"channelNames"});
+  expectForm(AudioDeviceInventory{.inputs = {mic}, .outputs = {}}, {"inputs", "outputs"});
+  expectForm(DeviceTemplate{.name = "New", .sampleRate = 44100.5, .channelCount = 4},
+             {"name", "sampleRate", "channelCount"});
+  expectForm(InstallResult{.succeeded = false, .message = "Driver/plug-in missing"},
+             {"succeeded", "message"});
+  expectForm(HALDeviceSummary{"app.brisola.device.\xC3\xA9/1", "Mix \"A\"", 0, 2},
+             {"uid", "name", "inputChannelCount", "outputChannelCount"});
+  expectForm(RuntimeChannelRoute{3, 1}, {"sourceChannel", "outputChannel"});
+  const RuntimeDeviceControls controls("u/1", "n", "i", 8, true, 0.1f, {0.1f, 1.5f}, false, true,
+                                       0.5f, {{1, 2}, {3, 4}});
+  expectForm(controls, {"uid", "name", "icon", "channelCount", "deviceEnabled", "deviceGain",
+                        "channelGains", "sourceEnabled", "muted", "sourceGain", "routes"});
+  // Floats as their own shortest decimal, not the digits of the widened double.
+  EXPECT_THAT(encodeJSON(controls), ::testing::HasSubstr("\"deviceGain\": 0.1,"));
+}
+
+template <class E>
+std::string spellings() {
+  std::string text;
+  for (const auto& [value, name] : allCases<E>()) {
+    EXPECT_EQ(enumFromName<E>(name), value);
+    text += std::string(text.empty() ? "" : " ") + std::string(name);
+  }
+  return text;
+}
+
+TEST(JSONForms, EnumerationsAreSpelledExactlyAndNoOtherWay) {
+  EXPECT_EQ(spellings<SourceType>(), "passThru application system hardwareInput virtualDevice");
+  EXPECT_EQ(spellings<EndpointKind>(), "source deviceOutput monitor");
+  EXPECT_EQ(spellings<Appearance>(), "system light dark");
+  EXPECT_EQ(spellings<PermissionStatus>(), "notDetermined granted denied restricted unknown");
+  EXPECT_EQ(spellings<ApplicationActivationPolicy>(), "regular accessory prohibited");
+  EXPECT_EQ(enumFromName<SourceType>("PassThru"), std::nullopt);
+  EXPECT_EQ(decodeJSON<PermissionStatus>("\"denied\""), PermissionStatus::denied);
+  EXPECT_THROW(decodeJSON<PermissionStatus>("\"Granted\""), DecodingError);
+}
+
+std::string decodingFailure(const std::string& text) {
+  const auto error = testing::thrown<DecodingError>([&] { decodeJSON<Wire>(text); });
+  return error ? error->what() : "decoded";
+}
+
+TEST(ErrorTexts, EveryErrorDescribesItselfInFull) {
+  using Edit = ConfigEditError;
+  using Shm = RuntimeControlStoreError;
+  const ValidationIssue issue{"c", "m", "p"};
+  const std::vector<std::pair<std::string, std::string>> rows{
+      {ConfigStoreError::missingConfig("/d/config.json").what(),
+       "No Brisola config exists at /d/config.json."},
+      {ConfigStoreError::invalidConfig({.errors = {issue}, .warnings = {issue, issue}}).what(),
+       "Config contains 1 validation error(s)."},
+      {Edit::deviceNotFound("d/1").what(), "No device exists with ID 'd/1'."},
+      {Edit::sourceNotFound("s").what(), "No source exists with ID 's'."},
+      {Edit::monitorNotFound("m").what(), "No monitor exists with ID 'm'."},
+      {Edit::wireNotFound("it's").what(), "No wire exists with ID 'it's'."},
+      {Edit::invalidWireEndpoint({EndpointKind::monitor, "spk", -2}).what(),
+       "Wire endpoint monitor:spk:-2 is not valid for the device."},
+      {Edit::nestedDeviceCycle("b").what(),
+       "Adding device 'b' as a source would create a nested-device cycle."},
+      {Edit::invalidWireDirection().what(),
+       "Wire direction must be source-to-deviceOutput or deviceOutput-to-monitor."},
+      {Edit::invalidBenchmarkInput("input UID must not be empty").what(),
+       "Invalid benchmark input: input UID must not be empty."},
+      {Shm::openFailed(13).what(), "Could not open Brisola runtime shared memory: errno 13."},
+      {Shm::resizeFailed(22).what(), "Could not size Brisola runtime shared memory: errno 22."},
+      {Shm::mapFailed(12).what(), "Could not map Brisola runtime shared memory: errno 12."},
+      {Shm::writeFailed(28).what(),
+       "Could not write Brisola runtime shared memory: errno 28 (No space left on device)."},
+      {Shm::invalidState().what(),
+       "Brisola runtime shared memory did not contain a valid control state."},
+      {decodingFailure(R"({"id":"w","from":{}})"),
+       "Invalid JSON at from.kind: the required key is missing."},
+      {decodingFailure(R"({"id":"w","from":{"kind":"source","ownerID":1}})"),
+       "Invalid JSON at from.ownerID: expected a string, found the integer 1."},
+      {decodingFailure("[true]"),
+       "Invalid JSON at the top level: expected an object, found an array."},
+      {[] {
+         ConfigSnapshot snapshot = testing::richSnapshot();
+         snapshot.devices[1].sources[0].channelGains = std::vector<double>{1.0, std::nan("")};
+         const auto error = testing::thrown<EncodingError>([&] { encodeJSON(snapshot); });
+         return std::string(error ? error->what() : "encoded");
+       }(),
+       "Cannot write JSON at devices[1].sources[0].channelGains[1]: the number nan cannot be "
+       "written as JSON."},
+  };
+  for (const auto& [description, expected] : rows) EXPECT_EQ(description, expected);
+  // The parser's own words, without its "[json.exception...] " prefix.
+  EXPECT_THAT(decodingFailure("{\"id\":"),
+              ::testing::MatchesRegex("The data is not valid JSON: [a-z].*\\."));
+  // Equality follows the case and the payload, not the description alone.
+  EXPECT_NE(Edit::deviceNotFound("x"), Edit::sourceNotFound("x"));
+  EXPECT_NE(Edit::invalidWireEndpoint({}), Edit::invalidWireEndpoint({.channel = 1}));
+  EXPECT_NE(Shm::openFailed(13), Shm::mapFailed(13));
 }
 
 }  // namespace

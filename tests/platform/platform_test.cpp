@@ -48,9 +48,10 @@ TEST(PosixFileManager, WritingFlushesWholeFilesAndDescriptorsAreCloseOnExec) {
   EXPECT_EQ(testing::openDescriptorCount(), before) << "a descriptor leaked";
 }
 
-TEST(PosixFileManager, MoveRefusesAnExistingDestinationWhileReplaceOverwrites) {
+TEST(PosixFileManager, MovesReplacementsDirectoriesListingsAndAttributes) {
   TempDir dir;
   auto manager = FileManager::defaultManager();
+  // A move refuses an existing destination; a replacement overwrites it.
   writeFile(dir / "a", "A");
   writeFile(dir / "b", "B");
   const auto error = thrown<fs::filesystem_error>([&] { manager->moveItem(dir / "a", dir / "b"); });
@@ -63,11 +64,7 @@ TEST(PosixFileManager, MoveRefusesAnExistingDestinationWhileReplaceOverwrites) {
   EXPECT_FALSE(manager->fileExists(dir / "a"));
   manager->moveItem(dir / "b", dir / "c");
   EXPECT_EQ(readFile(dir / "c"), "A");
-}
 
-TEST(PosixFileManager, DirectoriesListingsAndAttributes) {
-  TempDir dir;
-  auto manager = FileManager::defaultManager();
   manager->createDirectory(dir / "x" / "y" / "z", true);
   manager->createDirectory(dir / "x" / "y" / "z", true);  // existing is fine
   EXPECT_THROW(manager->createDirectory(dir / "p" / "q", false), fs::filesystem_error);
@@ -75,8 +72,8 @@ TEST(PosixFileManager, DirectoriesListingsAndAttributes) {
   EXPECT_THROW(manager->createDirectory(dir / "file", true), fs::filesystem_error);
 
   writeFile(dir / "x" / ".hidden", "");
-  auto names = manager->contentsOfDirectory(dir / "x");
-  EXPECT_THAT(names, ::testing::UnorderedElementsAre("y", ".hidden"));
+  EXPECT_THAT(manager->contentsOfDirectory(dir / "x"),
+              ::testing::UnorderedElementsAre("y", ".hidden"));
 
   writeFile(dir / "kept", "content");
   manager->createFile(dir / "kept");

@@ -43,7 +43,7 @@ ConfigStore storeAt(const fs::path& url) {
   return ConfigStore(url, FileManager::defaultManager());
 }
 
-TEST(ConfigStore, OnlyFirstUseCreatesTheEmptyDocument) {
+TEST(ConfigStore, OnlyFirstUseCreatesTheDocumentAndLoadsUpgradeOrRefuseWithoutWriting) {
   TempDir dir;
   fs::path url = dir / "nested" / "Brisola" / "config.json";
   ConfigStore store = storeAt(url);
@@ -53,8 +53,28 @@ TEST(ConfigStore, OnlyFirstUseCreatesTheEmptyDocument) {
   }
   EXPECT_FALSE(fs::exists(dir / "nested"));
   EXPECT_EQ(store.loadOrCreateEmpty(), ConfigSnapshot::empty());
-  EXPECT_EQ(namesIn(url.parent_path()), std::vector<std::string>{"config.json"});
   EXPECT_EQ(store.load(), ConfigSnapshot::empty());
+
+  // An older schema is upgraded in memory only.
+  ConfigSnapshot old = richSnapshot();
+  old.schemaVersion = 1;
+  store.save(old);
+  EXPECT_EQ(namesIn(url.parent_path()), std::vector<std::string>{"config.json"});
+  EXPECT_EQ(store.load(), ConfigMigration::migrate(old));
+  EXPECT_NE(store.load(), old);
+  EXPECT_EQ(readFile(url), encodeJSON(old));
+
+  // Errors refuse a validated load; warnings do not.
+  ConfigSnapshot document = ConfigSnapshot::empty();
+  document.devices.push_back(testing::stereoDevice("d", ""));
+  document.devices[0].sampleRate = 44100;
+  store.save(document);
+  EXPECT_EQ(thrown<ConfigStoreError>([&] { store.loadValidated(); }),
+            ConfigStoreError::invalidConfig(ConfigValidator{}.validate(document)));
+  document.devices[0].name = "Desk";
+  document.ui.selectedDeviceID = "gone";
+  store.save(document);
+  EXPECT_EQ(store.loadValidated(), document);
 }
 
 TEST(ConfigStore, BrokenDocumentsAreReportedAndNeverOverwritten) {
@@ -102,62 +122,37 @@ TEST(ConfigStore, BrokenDocumentsAreReportedAndNeverOverwritten) {
   }
 }
 
-TEST(ConfigStore, SavedDocumentsReadBackEqualAndOlderSchemasAreUpgradedInMemoryOnly) {
-  TempDir dir;
-  fs::path url = dir / "config.json";
-  ConfigStore store = storeAt(url);
-  store.save(ConfigSnapshot::empty());
-  ConfigSnapshot old = richSnapshot();
-  old.schemaVersion = 1;
-  store.save(old);
-  EXPECT_EQ(readFile(url), encodeJSON(old));
-  EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{"config.json"});
+// Makes exactly one step of a save fail with an I/O error. loseDocument: the document vanishes
+// while the replacement fails.
+enum class Step { createDirectory, createFile, append, sync, close, replace, loseDocument, move };
 
-  EXPECT_EQ(store.load(), ConfigMigration::migrate(old));
-  EXPECT_NE(store.load(), old);
-  EXPECT_EQ(readFile(url), encodeJSON(old));
-}
-
-// Makes exactly one step of a save fail with an I/O error.
-// replaceLosingDocument: the document vanishes while the replacement fails.
-enum class Step {
-  createDirectory,
-  createFile,
-  append,
-  sync,
-  close,
-  replace,
-  replaceLosingDocument,
-  move
-};
-
-void failAt(Step step, Step failing, const fs::path& path) {
-  if (step != failing) return;
-  throw fs::filesystem_error("injected failure", path, std::make_error_code(std::errc::io_error));
+void failAt(Step step, Step failing) {
+  if (step == failing) {
+    throw fs::filesystem_error("injected", std::make_error_code(std::errc::io_error));
+  }
 }
 
 class FailingFile : public WritableFile {
  public:
-  FailingFile(std::unique_ptr<WritableFile> file, Step failing, fs::path path)
-      : file_(std::move(file)), failing_(failing), path_(std::move(path)) {}
+  FailingFile(std::unique_ptr<WritableFile> file, Step failing)
+      : file_(std::move(file)), failing_(failing) {}
   // A short write: part of the bytes reach the file before the failure.
   void append(std::string_view bytes) override {
     file_->append(failing_ == Step::append ? bytes.substr(0, bytes.size() / 2) : bytes);
-    failAt(Step::append, failing_, path_);
+    failAt(Step::append, failing_);
   }
   void sync() override {
-    failAt(Step::sync, failing_, path_);
+    failAt(Step::sync, failing_);
     file_->sync();
   }
   void close() override {
-    failAt(Step::close, failing_, path_);
+    failAt(Step::close, failing_);
     file_->close();
   }
 
  private:
   std::unique_ptr<WritableFile> file_;
   Step failing_;
-  fs::path path_;
 };
 
 class FailingFileManager : public FileManagerWrapper {
@@ -165,22 +160,21 @@ class FailingFileManager : public FileManagerWrapper {
   explicit FailingFileManager(Step failing)
       : FileManagerWrapper(FileManager::defaultManager()), failing_(failing) {}
   void createDirectory(const fs::path& path, bool intermediates) const override {
-    failAt(Step::createDirectory, failing_, path);
+    failAt(Step::createDirectory, failing_);
     FileManagerWrapper::createDirectory(path, intermediates);
   }
   std::unique_ptr<WritableFile> createWritableFile(const fs::path& path) const override {
-    failAt(Step::createFile, failing_, path);
-    return std::make_unique<FailingFile>(FileManagerWrapper::createWritableFile(path), failing_,
-                                         path);
+    failAt(Step::createFile, failing_);
+    return std::make_unique<FailingFile>(FileManagerWrapper::createWritableFile(path), failing_);
   }
   void replaceItem(const fs::path& target, const fs::path& replacement) const override {
-    if (failing_ == Step::replaceLosingDocument) fs::remove(target);
-    failAt(Step::replace, failing_, target);
-    failAt(Step::replaceLosingDocument, failing_, target);
+    if (failing_ == Step::loseDocument) fs::remove(target);
+    failAt(Step::replace, failing_);
+    failAt(Step::loseDocument, failing_);
     FileManagerWrapper::replaceItem(target, replacement);
   }
   void moveItem(const fs::path& from, const fs::path& to) const override {
-    failAt(Step::move, failing_, to);
+    failAt(Step::move, failing_);
     FileManagerWrapper::moveItem(from, to);
   }
 
@@ -188,6 +182,8 @@ class FailingFileManager : public FileManagerWrapper {
   Step failing_;
 };
 
+// Without a document the empty one is created by loadOrCreateEmpty, which must report the
+// failure too.
 TEST(ConfigStore, EveryFailingStepOfASaveLeavesTheDocumentIntactAndNoTemporaryFile) {
   struct Case {
     Step step;
@@ -198,10 +194,11 @@ TEST(ConfigStore, EveryFailingStepOfASaveLeavesTheDocumentIntactAndNoTemporaryFi
   const std::vector<Case> cases = {{Step::createDirectory, false, false},
                                    {Step::createFile, true, false},
                                    {Step::append, true, false},
+                                   {Step::sync, false, false},
                                    {Step::sync, true, false},
                                    {Step::close, true, false},
                                    {Step::replace, true, false},
-                                   {Step::replaceLosingDocument, true, true},
+                                   {Step::loseDocument, true, true},
                                    {Step::move, false, false}};
   for (const Case& c : cases) {
     SCOPED_TRACE(static_cast<int>(c.step));
@@ -212,7 +209,9 @@ TEST(ConfigStore, EveryFailingStepOfASaveLeavesTheDocumentIntactAndNoTemporaryFi
       writeFile(url, encodeJSON(richSnapshot()));
     }
     ConfigStore store(url, std::make_shared<FailingFileManager>(c.step));
-    const auto error = thrown<fs::filesystem_error>([&] { store.save(ConfigSnapshot::empty()); });
+    const auto error = thrown<fs::filesystem_error>([&] {
+      c.documentExists ? store.save(ConfigSnapshot::empty()) : (void)store.loadOrCreateEmpty();
+    });
     ASSERT_TRUE(error) << "the save succeeded";
     EXPECT_EQ(error->code(), std::errc::io_error);
     if (c.documentExists && !c.temporaryLeftBehind) {
@@ -233,28 +232,6 @@ TEST(ConfigStore, EveryFailingStepOfASaveLeavesTheDocumentIntactAndNoTemporaryFi
   }
 }
 
-TEST(ConfigStore, LoadOrCreateEmptyReportsAFailedCreation) {
-  TempDir dir;
-  ConfigStore store(dir / "config.json", std::make_shared<FailingFileManager>(Step::sync));
-  EXPECT_THROW(store.loadOrCreateEmpty(), fs::filesystem_error);
-  EXPECT_FALSE(fs::exists(dir / "config.json"));
-}
-
-TEST(ConfigStore, ValidatedLoadRefusesErrorsAndAcceptsWarnings) {
-  TempDir dir;
-  ConfigStore store = storeAt(dir / "config.json");
-  ConfigSnapshot document = ConfigSnapshot::empty();
-  document.devices.push_back(testing::stereoDevice("d", ""));
-  document.devices[0].sampleRate = 44100;
-  store.save(document);
-  EXPECT_EQ(thrown<ConfigStoreError>([&] { store.loadValidated(); }),
-            ConfigStoreError::invalidConfig(ConfigValidator{}.validate(document)));
-  document.devices[0].name = "Desk";
-  document.ui.selectedDeviceID = "gone";
-  store.save(document);
-  EXPECT_EQ(store.loadValidated(), document);
-}
-
 // A writer killed at any moment must leave a loadable, whole document behind.
 TEST(ConfigStoreCrash, KilledWriterNeverLeavesATornOrMissingDocument) {
   TempDir dir;
@@ -268,33 +245,25 @@ TEST(ConfigStoreCrash, KilledWriterNeverLeavesATornOrMissingDocument) {
 
   // Kill within about two rounds of saves, however fast this build saves, so that kills land
   // before, during and after each step of both saves.
-  auto started = std::chrono::steady_clock::now();
-  for (int i = 0; i < 3; ++i) {
-    store.save(second);
-    store.save(first);
-  }
-  auto saveRound = std::chrono::duration_cast<std::chrono::microseconds>(
-                       std::chrono::steady_clock::now() - started) /
-                   3;
+  const auto started = std::chrono::steady_clock::now();
+  for (int i = 0; i < 6; ++i) store.save(i % 2 == 0 ? second : first);
+  const auto saveRound = std::chrono::duration_cast<std::chrono::microseconds>(
+                             std::chrono::steady_clock::now() - started) /
+                         3;
   std::mt19937 random(12345);
   // A forked child starts slower than the parent saves (more so under sanitizers): kill within
   // four rounds.
   std::uniform_int_distribution<long> delayMicroseconds(0, 4 * saveRound.count() + 100);
-  const int kills = 400;
-  int sawFirst = 0;
-  int sawSecond = 0;
-  for (int round = 0; round < kills; ++round) {
+  int seen[2] = {0, 0};  // first, second
+  for (int round = 0; round < 400; ++round) {
     pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
       try {
         // Alternate which document comes first, so a kill during the first save of a round
         // does not always find the same document in place.
-        const ConfigSnapshot& one = round % 2 == 0 ? second : first;
-        const ConfigSnapshot& other = round % 2 == 0 ? first : second;
-        for (;;) {
-          store.save(one);
-          store.save(other);
+        for (bool useFirst = round % 2 != 0;; useFirst = !useFirst) {
+          store.save(useFirst ? first : second);
         }
       } catch (...) {
         ::_exit(3);
@@ -305,19 +274,12 @@ TEST(ConfigStoreCrash, KilledWriterNeverLeavesATornOrMissingDocument) {
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself, status " << status;
-
-    ConfigSnapshot loaded = store.load();
-    if (loaded == first) {
-      ++sawFirst;
-    } else if (loaded == second) {
-      ++sawSecond;
-    } else {
-      FAIL() << "round " << round << " loaded a document that was never saved";
-    }
+    const ConfigSnapshot loaded = store.load();
+    ASSERT_TRUE(loaded == first || loaded == second) << "round " << round << " loaded junk";
+    ++seen[loaded == second ? 1 : 0];
   }
   // Both documents must have been seen, or the kills did not land while writing.
-  EXPECT_GT(sawFirst, 0);
-  EXPECT_GT(sawSecond, 0);
+  EXPECT_THAT(seen, ::testing::Each(::testing::Gt(0)));
 
   // The killed saves' files go with the next save once they are old enough to belong to no
   // running save; others' files stay.
@@ -334,6 +296,118 @@ TEST(ConfigStoreCrash, KilledWriterNeverLeavesATornOrMissingDocument) {
       namesIn(dir.path()),
       ElementsAre(".config.json.11111111-2222-3333-4444-555555555555.tmp", ".config.json.notes.tmp",
                   ".other.json.00000000-0000-0000-0000-000000000000.tmp", "config.json"));
+}
+
+ConfigSnapshot versioned(std::int64_t version, std::optional<std::string> selected,
+                         std::vector<std::string> ids) {
+  ConfigSnapshot snapshot{.schemaVersion = version, .ui = {.selectedDeviceID = selected}};
+  for (const auto& id : ids) snapshot.devices.push_back(testing::stereoDevice(id, id));
+  return snapshot;
+}
+
+TEST(ConfigMigration, OldVersionsBindTheSelectedOrFirstDeviceToThePassThruUID) {
+  struct Case {
+    const char* name;
+    ConfigSnapshot input;
+    int target;  // index of the device that takes the pass-thru UID, or -1
+  };
+  const std::vector<Case> cases = {
+      {"selected device", versioned(1, "b", {"a", "b"}), 1},
+      {"selection names no device", versioned(1, "z", {"a", "b"}), 0},
+      {"nothing selected", versioned(1, std::nullopt, {"a", "b"}), 0},
+      {"no devices", versioned(1, "a", {}), -1},
+      {"negative version, first of two matches", versioned(-4, "a", {"x", "a", "a"}), 1},
+      {"current version", versioned(2, "b", {"a", "b"}), -1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ConfigSnapshot expected = c.input;
+    expected.schemaVersion = 2;
+    if (c.target >= 0) expected.devices[c.target].uid = "dev.kestrine.pass-thru";
+    EXPECT_EQ(ConfigMigration::migrate(c.input), expected);
+  }
+  // Newer versions only get the current number.
+  ConfigSnapshot newer = testing::richSnapshot();
+  newer.schemaVersion = 3;
+  EXPECT_EQ(ConfigMigration::migrate(newer), testing::richSnapshot());
+}
+
+// Reports a fixed Application Support directory (or none) and home directory, and fails the
+// move of any entry named "a".
+class RelocatedFileManager : public FileManagerWrapper {
+ public:
+  RelocatedFileManager(std::vector<fs::path> support, fs::path home)
+      : FileManagerWrapper(FileManager::defaultManager()),
+        support_(std::move(support)),
+        home_(std::move(home)) {}
+  std::vector<fs::path> applicationSupportDirectories() const override { return support_; }
+  fs::path homeDirectory() const override { return home_; }
+  void moveItem(const fs::path& from, const fs::path& to) const override {
+    if (from.filename() == "a") {
+      throw fs::filesystem_error("injected", from, std::make_error_code(std::errc::io_error));
+    }
+    FileManagerWrapper::moveItem(from, to);
+  }
+
+ private:
+  std::vector<fs::path> support_;
+  fs::path home_;
+};
+
+TEST(DefaultURL, UsesTheFirstApplicationSupportDirectoryOrElseTheHomeLayout) {
+  TempDir dir;
+  RelocatedFileManager withSupport({dir / "support", dir / "other"}, dir / "home");
+  EXPECT_EQ(ConfigStore::defaultURL(withSupport), dir / "support" / "Brisola" / "config.json");
+  RelocatedFileManager without({}, dir / "home");
+  EXPECT_EQ(ConfigStore::defaultURL(without),
+            dir / "home" / "Library" / "Application Support" / "Brisola" / "config.json");
+}
+
+// Every entry under the directory, relative, directories with a trailing "/", sorted.
+std::vector<std::string> listing(const fs::path& root) {
+  std::vector<std::string> entries;
+  for (const auto& entry : fs::recursive_directory_iterator(root)) {
+    entries.push_back(fs::relative(entry.path(), root).string() +
+                      (entry.is_directory() ? "/" : ""));
+  }
+  std::sort(entries.begin(), entries.end());
+  return entries;
+}
+
+TEST(DefaultURL, TheLegacyDataDirectoryMovesOnceWithoutItsBinAndNeverFailsTheCall) {
+  struct Row {
+    const char* what;
+    std::vector<std::string> before, after;  // "x/" is a directory, "x" a file
+  };
+  const std::vector<Row> rows{
+      {"everything but bin moves",
+       {"Kestrine/bin/", "Kestrine/logs/a.log", "Kestrine/config.json", "Kestrine/.hidden"},
+       {"Brisola/", "Brisola/.hidden", "Brisola/config.json", "Brisola/logs/", "Brisola/logs/a.log",
+        "Kestrine/", "Kestrine/bin/"}},
+      {"nothing moves once the current directory exists",
+       {"Brisola/", "Kestrine/late.json"},
+       {"Brisola/", "Kestrine/", "Kestrine/late.json"}},
+      {"nothing is created without either", {}, {}},
+      {"an old path that is a file stays", {"Kestrine"}, {"Brisola/", "Kestrine"}},
+      {"a failing move is skipped and the others still happen",
+       {"Kestrine/a", "Kestrine/b"},
+       {"Brisola/", "Brisola/b", "Kestrine/", "Kestrine/a"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    TempDir dir;
+    for (const std::string& entry : row.before) {
+      fs::create_directories((dir / entry).parent_path());
+      if (!entry.ends_with("/")) writeFile(dir / entry, entry);
+    }
+    RelocatedFileManager manager({dir.path()}, dir / "home");
+    EXPECT_EQ(ConfigStore::defaultURL(manager), dir / "Brisola" / "config.json");
+    EXPECT_EQ(listing(dir.path()), row.after);
+    for (const std::string& entry : row.after) {
+      if (!entry.starts_with("Brisola/") || entry.ends_with("/")) continue;
+      EXPECT_EQ(readFile(dir / entry), "Kestrine/" + entry.substr(8)) << "moved, not made";
+    }
+  }
 }
 
 }  // namespace

@@ -1,18 +1,49 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
+#include <optional>
+#include <ostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "brisola/validation/validation.hpp"
 #include "support/documents.hpp"
-#include "validation/validation_test_support.hpp"
+#include "validation/canonical_key_index.hpp"
 
 namespace brisola {
+
+// Readable failure output: one issue per line rather than bytes.
+inline void PrintTo(const ValidationIssue& issue, std::ostream* out) {
+  *out << "{" << issue.code << " | " << issue.message << " | " << issue.path << "}";
+}
+
 namespace {
 
-using testing::codes;
+// Issues written one per line as "code | message | path"; blank lines are skipped.
+std::vector<ValidationIssue> issues(std::string_view table) {
+  std::vector<ValidationIssue> result;
+  while (!table.empty()) {
+    std::string_view line = table.substr(0, table.find('\n'));
+    table.remove_prefix(std::min(table.size(), line.size() + 1));
+    line.remove_prefix(std::min(line.size(), line.find_first_not_of(' ')));
+    if (line.empty()) continue;
+    const auto first = line.find(" | "), second = line.rfind(" | ");
+    result.push_back({std::string(line.substr(0, first)),
+                      std::string(line.substr(first + 3, second - first - 3)),
+                      std::string(line.substr(second + 3))});
+  }
+  return result;
+}
+
+std::vector<std::string> codes(const std::vector<ValidationIssue>& list) {
+  std::vector<std::string> result;
+  for (const auto& issue : list) result.push_back(issue.code);
+  return result;
+}
+
 using testing::monitorEnd;
 using testing::outputEnd;
 using testing::sourceEnd;
@@ -135,7 +166,7 @@ TEST(ValidationRules, BrokenDocumentReportsEveryIssueInOrder) {
   const ConfigSnapshot snapshot = brokenStudio();
   const ValidationResult result = validated(snapshot);
   // clang-format off
-  EXPECT_EQ(result.errors, testing::issues(R"(
+  EXPECT_EQ(result.errors, issues(R"(
     schema.unsupported | Unsupported schema version 3. | schemaVersion
     device.duplicateID | Duplicate ID 'a' found. | devices
     device.duplicateUID | Duplicate ID 'dup.uid' found. | devices
@@ -172,7 +203,7 @@ TEST(ValidationRules, BrokenDocumentReportsEveryIssueInOrder) {
     source.invalidChannelCount | Source channel count must be positive. | devices[5].sources[0].channelCount
     device.nestedDeviceCycle | Nested device sources form a cycle involving device 'f'. | devices
   )"));
-  EXPECT_EQ(result.warnings, testing::issues(R"(
+  EXPECT_EQ(result.warnings, issues(R"(
     device.unsupportedSampleRate | The engine runs at 48 kHz; this sample rate is ignored. | devices[0].sampleRate
     source.passThruChannelMismatch | Pass-Thru source channel count should match the virtual device channel count. | devices[0].sources[0].channelCount
     source.muteWhenCapturingUnsupported | Mute-when-capturing only applies to application and system audio sources. | devices[0].sources[0].muteWhenCapturing
@@ -201,7 +232,7 @@ TEST(ValidationRules, BrokenDocumentReportsEveryIssueInOrder) {
   EXPECT_EQ(validated(snapshot), result);
 }
 
-TEST(ValidationRules, DuplicateIdentifiers) {
+TEST(ValidationRules, DuplicateAndEmptyIdentifiersAndPathsOfLaterElements) {
   std::vector<DeviceConfig> devices;
   for (std::string id : {"a", "a", "", "", "a", "A", " a"}) {
     devices.push_back(DeviceConfig{.id = id, .name = "N", .sampleRate = 48000, .channelCount = 2});
@@ -210,7 +241,15 @@ TEST(ValidationRules, DuplicateIdentifiers) {
   devices[2].uid = "X";
   devices[3].uid = "";  // blank, so reported as empty and not as a duplicate
   devices[4].uid = "";
-  EXPECT_EQ(validated(documentWith(devices)).errors, testing::issues(R"(
+  // Indices of two digits in the paths.
+  while (devices.size() < 12) {
+    devices.push_back(stereoDevice("d" + std::to_string(devices.size()), "D"));
+  }
+  for (int j = 0; j < 11; ++j) {
+    devices.back().sources.push_back(testing::passThruSource(std::to_string(j)));
+  }
+  devices.back().sources.back().name = "";
+  EXPECT_EQ(validated(documentWith(devices)).errors, issues(R"(
     device.duplicateID | Duplicate ID 'a' found. | devices
     device.duplicateID | Duplicate ID 'a' found. | devices
     device.duplicateUID | Duplicate ID 'X' found. | devices
@@ -218,6 +257,7 @@ TEST(ValidationRules, DuplicateIdentifiers) {
     device.emptyID | Device ID must not be empty. | devices[3].id
     device.emptyUID | Device UID must not be empty. | devices[3].uid
     device.emptyUID | Device UID must not be empty. | devices[4].uid
+    source.emptyName | Source name must not be empty. | devices[11].sources[11].name
   )"));
 }
 
@@ -245,12 +285,6 @@ TEST(ValidationRules, CanonicallyEquivalentIdentifiersAreEqual) {
                 {"source.duplicateID", "Duplicate ID 'K' found.", "devices[0].sources"},
             }));
   EXPECT_TRUE(result.warnings.empty());
-
-  // Neither trimming nor case folding.
-  ConfigSnapshot distinct = documentWith({stereoDevice("k", "Lower")});
-  distinct.ui.selectedDeviceID = "K";
-  EXPECT_EQ(codes(validated(distinct).warnings),
-            (std::vector<std::string>{"ui.selectedDeviceMissing"}));
 }
 
 TEST(ValidationRules, SelectedDeviceAndSchemaVersion) {
@@ -259,9 +293,9 @@ TEST(ValidationRules, SelectedDeviceAndSchemaVersion) {
     std::optional<std::string> selected;
     bool warned;
   };
-  for (const Row& row :
-       {Row{{}, std::nullopt, false}, Row{{}, "a", true}, Row{{"a", "b"}, "b", false},
-        Row{{"a", ""}, "", false}, Row{{"a"}, "", true}}) {
+  for (const Row& row : {Row{{}, std::nullopt, false}, Row{{}, "a", true},
+                         Row{{"a", "b"}, "b", false}, Row{{"a", ""}, "", false},
+                         Row{{"a"}, "", true}, Row{{"k"}, "K", true}, Row{{"k"}, " k", true}}) {
     SCOPED_TRACE(row.selected.value_or("(none)"));
     std::vector<DeviceConfig> devices;
     for (const auto& id : row.deviceIDs) devices.push_back(stereoDevice(id, "N"));
@@ -280,15 +314,140 @@ TEST(ValidationRules, SelectedDeviceAndSchemaVersion) {
   }
 }
 
-TEST(ValidationRules, PathsOfLaterElementsUseTheirOwnIndices) {
-  std::vector<DeviceConfig> devices;
-  for (int i = 0; i < 12; ++i) devices.push_back(stereoDevice("d" + std::to_string(i), "D"));
-  DeviceConfig& last = devices.back();
-  for (int j = 0; j < 11; ++j) last.sources.push_back(testing::passThruSource(std::to_string(j)));
-  last.sources.back().name = "";
-  EXPECT_EQ(validated(documentWith(devices)).errors,
-            (std::vector<ValidationIssue>{{"source.emptyName", "Source name must not be empty.",
-                                           "devices[11].sources[11].name"}}));
+// A device and the devices its nested sources name, in source order (nullopt: no reference).
+struct Node {
+  std::string id;
+  std::vector<std::optional<std::string>> targets;
+};
+
+ConfigSnapshot graph(const std::vector<Node>& nodes) {
+  ConfigSnapshot snapshot = ConfigSnapshot::empty();
+  for (const auto& node : nodes) {
+    DeviceConfig device{.id = node.id, .name = "Mix", .sampleRate = 48000, .channelCount = 2};
+    device.uid = "uid." + std::to_string(snapshot.devices.size());
+    for (std::size_t j = 0; j < node.targets.size(); ++j) {
+      auto& source = device.sources.emplace_back(
+          testing::nestedSource("feed" + std::to_string(j), "", "Feed " + std::to_string(j)));
+      source.metadata.sourceDeviceID = node.targets[j];
+    }
+    snapshot.devices.push_back(std::move(device));
+  }
+  return snapshot;
+}
+
+// Code, path and the identifier the message quotes: "device.nestedDeviceCycle devices 'a'".
+std::vector<std::string> brief(const std::vector<ValidationIssue>& issues) {
+  std::vector<std::string> result;
+  for (const auto& issue : issues) {
+    const auto open = issue.message.find('\''), close = issue.message.rfind('\'');
+    result.push_back(issue.code + " " + issue.path +
+                     (open == close ? "" : " " + issue.message.substr(open, close - open + 1)));
+  }
+  return result;
+}
+
+std::string cycle(const std::string& device) {
+  return "device.nestedDeviceCycle devices '" + device + "'";
+}
+
+TEST(NestedDeviceGraph, SmallGraphs) {
+  struct Row {
+    std::string label;
+    std::vector<Node> nodes;
+    std::vector<std::string> errors, warnings;
+  };
+  const std::string unknown = "source.virtualDeviceUnknownDevice devices[";
+  const std::string missing = "source.virtualDeviceMissingDevice devices[0].sources[";
+  const std::vector<Row> rows{
+      {"self-nesting", {{"a", {"a"}}}, {cycle("a")}},
+      {"two-device loop starting at a", {{"a", {"b"}}, {"b", {"a"}}}, {cycle("a")}},
+      {"two-device loop starting at b", {{"b", {"a"}}, {"a", {"b"}}}, {cycle("b")}},
+      {"entered from x", {{"x", {"a"}}, {"a", {"b"}}, {"b", {"c"}}, {"c", {"a"}}}, {cycle("a")}},
+      {"diamond", {{"a", {"b", "c"}}, {"b", {"d"}}, {"c", {"d"}}, {"d", {}}}},
+      {"one device named twice", {{"a", {"b", "b"}}, {"b", {}}}},
+      {"two edges closing a cycle", {{"a", {"b"}}, {"b", {"a", "a"}}}, {cycle("a"), cycle("a")}},
+      {"two cycles and an edge into a finished one",
+       {{"a", {"b"}}, {"b", {"a"}}, {"c", {"c"}}, {"d", {"a", "c"}}},
+       {cycle("a"), cycle("c")}},
+      // Devices sharing an identifier are one node: the cycle runs through both "a" devices.
+      {"shared identifier merges edges",
+       {{"a", {}}, {"b", {"a"}}, {"a", {"b"}}},
+       {"device.duplicateID devices 'a'", cycle("b")}},
+      {"unknown device", {{"a", {}}, {"b", {"a", "zzz"}}}, {}, {unknown + "1] 'Feed 1'"}},
+      // Already reported by the source rules; the graph adds nothing.
+      {"empty and absent references",
+       {{"a", {"", std::nullopt}}},
+       {},
+       {missing + "0].metadata.sourceDeviceID", missing + "1].metadata.sourceDeviceID"}},
+      {"unknown and a cycle", {{"a", {"nowhere", "a"}}}, {cycle("a")}, {unknown + "0] 'Feed 0'"}},
+      // The source names its device in decomposed form; the two are the same identifier, and
+      // the message quotes the reference as written.
+      {"reference in another normal form", {{"caf\u00E9", {"cafe\u0301"}}}, {cycle("cafe\u0301")}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    const ConfigSnapshot snapshot = graph(row.nodes);
+    const ValidationResult result = ConfigValidator{}.validate(snapshot);
+    EXPECT_EQ(brief(result.errors), row.errors);
+    EXPECT_EQ(brief(result.warnings), row.warnings);
+    EXPECT_EQ(ConfigValidator{}.validate(snapshot), result);
+  }
+}
+
+// Ten thousand devices, each nesting the next: the search goes ten thousand deep.
+TEST(NestedDeviceGraph, LongChainsNeedNoCallStack) {
+  constexpr int count = 10'000;
+  std::vector<Node> nodes;
+  for (int i = 0; i < count; ++i) {
+    std::vector<std::optional<std::string>> next;
+    if (i + 1 < count) next.push_back("d" + std::to_string(i + 1));
+    nodes.push_back({"d" + std::to_string(i), next});
+  }
+  ConfigSnapshot chain = graph(nodes);
+  EXPECT_EQ(ConfigValidator{}.validate(chain), ValidationResult{});
+
+  chain.devices.back().sources.push_back(chain.devices.front().sources.front());
+  chain.devices.back().sources.back().metadata.sourceDeviceID = "d0";
+  EXPECT_EQ(brief(ConfigValidator{}.validate(chain).errors), std::vector<std::string>{cycle("d0")});
+}
+
+TEST(CanonicalKeyIndex, FirstOfEquivalentIdentifiersWinsAndResetForgets) {
+  CanonicalKeyIndex<int> index;
+  index.reset(4);
+  EXPECT_EQ(index.insert("K", 1), std::make_pair(1, true));
+  EXPECT_EQ(index.insert("\u212A", 2), std::make_pair(1, false));  // Kelvin sign
+  {
+    // A normalised key is owned by the index, not by the caller's text.
+    std::string decomposed = "cafe\u0301";
+    EXPECT_EQ(index.insert(decomposed, 3), std::make_pair(3, true));
+  }
+  EXPECT_EQ(index.insert("caf\u00E9", 4), std::make_pair(3, false));
+  EXPECT_EQ(index.insert("", 5), std::make_pair(5, true));
+  EXPECT_EQ(index.insert("k", 6), std::make_pair(6, true));
+  EXPECT_EQ(index.size(), 4u);
+
+  ASSERT_NE(index.find("\u212A"), nullptr);
+  EXPECT_EQ(*index.find("\u212A"), 1);
+  EXPECT_EQ(*index.find("cafe\u0301"), 3);
+  EXPECT_EQ(*index.find(""), 5);
+  EXPECT_EQ(index.find(" K"), nullptr);
+  EXPECT_EQ(index.find("caf"), nullptr);
+
+  // Reset forgets, and more keys than announced still fit. Keys that need no normalising stay
+  // the caller's: the texts outlive the index.
+  std::vector<std::string> ids;
+  for (int i = 0; i < 1000; ++i) ids.push_back("id-" + std::to_string(i));
+  index.reset(3);
+  EXPECT_EQ(index.find("K"), nullptr);
+  for (int i = 0; i < 1000; ++i) ASSERT_TRUE(index.insert(ids[i], i).second) << i;
+  for (int i = 0; i < 1000; ++i) {
+    ASSERT_NE(index.find(ids[i]), nullptr) << i;
+    EXPECT_EQ(*index.find(ids[i]), i);
+  }
+  index.reset(1);
+  EXPECT_EQ(index.size(), 0u);
+  EXPECT_EQ(index.find("id-7"), nullptr);
+  EXPECT_EQ(CanonicalKeyIndex<int>{}.find("a"), nullptr);  // never reset
 }
 
 }  // namespace
