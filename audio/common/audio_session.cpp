@@ -135,20 +135,15 @@ AudioFilter::Port AudioFilter::addPort(PipeWireDirection direction, const PortSp
   auto properties = makeProperties({{PW_KEY_FORMAT_DSP, "32 bit float mono audio"},
                                     {PW_KEY_PORT_NAME, wanted.name},
                                     {PW_KEY_AUDIO_CHANNEL, wanted.position}});
-  // PipeWire's filter walks its list of ports on the audio thread, every cycle, without a lock:
-  // the list may only change between two cycles, or a removed port is freed under the walk.
-  void* port = nullptr;
-  betweenCycles([&] {
-    port = pw_filter_add_port(
-        filter_, direction == PipeWireDirection::input ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT,
-        PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0, properties.release(), nullptr, 0);
-  });
+  void* port = pw_filter_add_port(
+      filter_, direction == PipeWireDirection::input ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT,
+      PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0, properties.release(), nullptr, 0);
   if (port == nullptr) throw std::runtime_error("Cannot add the port " + wanted.name);
   return port;
 }
 
 void AudioFilter::removePort(Port port) {
-  betweenCycles([&] { pw_filter_remove_port(port); });
+  pw_filter_remove_port(port);
 }
 
 const float* AudioFilter::input(Port port, std::uint32_t frames) {

@@ -94,8 +94,7 @@ class AudioFilter {
 
   using Port = void*;
   Port addPort(PipeWireDirection direction, const PortSpec& wanted);
-  // The process function must no longer touch the port (see betweenCycles). Both add and remove
-  // between two cycles, while the main thread waits.
+  // The process function must no longer touch the port (see betweenCycles).
   void removePort(Port port);
 
   // This cycle's buffer of a port, from the process function; nullptr when it has none.
