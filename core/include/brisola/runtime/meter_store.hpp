@@ -56,8 +56,8 @@ std::optional<std::vector<double>> levels(std::string_view ownerID);
 // One writer per owner.
 class MeterPublisher {
  public:
-  // Throws std::system_error when the object cannot be made (its pages are reserved here, so a
-  // full /dev/shm fails now rather than at a later write).
+  // Throws std::system_error when the object cannot be made (its one page is written here, so
+  // a full /dev/shm fails now rather than at a later write).
   MeterPublisher(std::string_view ownerID, std::size_t channelCount);
   ~MeterPublisher();
   MeterPublisher(const MeterPublisher&) = delete;
