@@ -143,7 +143,13 @@ void AudioProbe::Stream::connect(const char* name, bool output, const std::strin
   pw_properties* properties = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY,
                                                 output ? "Playback" : "Capture", PW_KEY_MEDIA_ROLE,
                                                 "Music", PW_KEY_NODE_NAME, name, nullptr);
-  if (!target.empty()) pw_properties_set(properties, PW_KEY_TARGET_OBJECT, target.c_str());
+  if (!target.empty()) {
+    pw_properties_set(properties, PW_KEY_TARGET_OBJECT, target.c_str());
+    // The session manager, as PulseAudio did, takes a stream linked to the default device for
+    // one that follows the default, and moves it when another device becomes the default (as
+    // one does when devices are removed): a probe stays on the device it measures.
+    pw_properties_set(properties, PW_KEY_NODE_DONT_RECONNECT, "true");
+  }
   if (sinkMonitor) pw_properties_set(properties, PW_KEY_STREAM_CAPTURE_SINK, "true");
   stream_ = pw_stream_new_simple(pw_thread_loop_get_loop(probe_.loop_), name, properties,
                                  &Listener::events, this);
