@@ -18,8 +18,10 @@ using ::testing::ElementsAre;
 using ::testing::Field;
 using testing::PrivatePipeWire;
 
-PipeWireNode node(std::uint32_t id, PipeWireProperties properties) {
-  return PipeWireNode{.id = id, .properties = std::move(properties)};
+void addNode(PipeWireGraph& graph, std::uint32_t id, std::string mediaClass,
+             PipeWireProperties properties = {}) {
+  properties["media.class"] = std::move(mediaClass);
+  graph.nodes[id] = PipeWireNode{.id = id, .properties = std::move(properties)};
 }
 
 void addPorts(PipeWireGraph& graph, std::uint32_t node, PipeWireDirection direction,
@@ -37,31 +39,25 @@ void addPorts(PipeWireGraph& graph, std::uint32_t node, PipeWireDirection direct
 TEST(PipeWireDescription, NodesClientsAndDefaultsBecomeDevicesAndCandidates) {
   using enum PipeWireDirection;
   PipeWireGraph graph;
-  graph.nodes = {
-      {30, node(30, {{"media.class", "Audio/Sink"},
-                     {"node.name", "hdmi"},
-                     {"node.description", "HDMI Out"}})},
-      {31,
-       node(31,
-            {{"media.class", "Audio/Source"}, {"node.name", "usb-mic"}, {"node.nick", "USB Mic"}})},
-      {32, node(32, {{"media.class", "Audio/Duplex"}, {"node.name", "iface"}})},
-      // Without any name the device cannot be listed; it must not break the others.
-      {33, node(33, {{"media.class", "Audio/Sink"}})},
-      // The two halves of one virtual device, listed once under its UID.
-      {40, node(40, {{"media.class", "Audio/Sink"},
-                     {"node.name", "brisola-mix"},
-                     {"node.description", "Podcast Mix"},
-                     {"brisola.device.uid", "app.brisola.device.x"},
-                     {"brisola.node.role", "entrance"}})},
-      {41, node(41, {{"media.class", "Audio/Source/Virtual"},
-                     {"node.name", "brisola-mix.out"},
-                     {"node.description", "Podcast Mix"},
-                     {"brisola.device.uid", "app.brisola.device.x"},
-                     {"brisola.node.role", "mix"}})},
-      // Streams are not devices; one that plays makes its client a process.
-      {50, node(50, {{"media.class", "Stream/Output/Audio"}, {"client.id", "60"}})},
-      {51, node(51, {{"media.class", "Stream/Input/Audio"}, {"client.id", "61"}})},
-  };
+  addNode(graph, 30, "Audio/Sink", {{"node.name", "hdmi"}, {"node.description", "HDMI Out"}});
+  addNode(graph, 31, "Audio/Source", {{"node.name", "usb-mic"}, {"node.nick", "USB Mic"}});
+  addNode(graph, 32, "Audio/Duplex", {{"node.name", "iface"}});
+  // Without any name the device cannot be listed; it must not break the others.
+  addNode(graph, 33, "Audio/Sink");
+  // The two halves of one virtual device, listed once under its UID.
+  addNode(graph, 40, "Audio/Sink",
+          {{"node.name", "brisola-mix"},
+           {"node.description", "Podcast Mix"},
+           {"brisola.device.uid", "app.brisola.device.x"},
+           {"brisola.node.role", "entrance"}});
+  addNode(graph, 41, "Audio/Source/Virtual",
+          {{"node.name", "brisola-mix.out"},
+           {"node.description", "Podcast Mix"},
+           {"brisola.device.uid", "app.brisola.device.x"},
+           {"brisola.node.role", "mix"}});
+  // Streams are not devices; one that plays makes its client a process.
+  addNode(graph, 50, "Stream/Output/Audio", {{"client.id", "60"}});
+  addNode(graph, 51, "Stream/Input/Audio", {{"client.id", "61"}});
   addPorts(graph, 30, input, {"FL", "FR", "RL", "RR"});
   addPorts(graph, 30, output, {"FL", "FR", "RL", "RR"}, true);  // monitors are no inputs
   addPorts(graph, 31, output, {"MONO"});

@@ -10,13 +10,18 @@
 #include <limits>
 #include <mutex>
 #include <stdexcept>
-#include <thread>
+
+#include "support/system_helpers.hpp"
 
 namespace brisola::testing {
 
 namespace {
 
 constexpr std::uint32_t rate = 48000;
+
+std::size_t toFrames(std::chrono::milliseconds duration) {
+  return static_cast<std::size_t>(duration.count()) * rate / 1000;
+}
 
 class Locked {
  public:
@@ -217,12 +222,7 @@ void AudioProbe::Recorder::process() {
 
 bool AudioProbe::Recorder::waitForMore(std::size_t count, std::chrono::milliseconds limit) const {
   const std::size_t target = frames() + count;
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (frames() < target) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
+  return eventually([&] { return frames() >= target; }, limit);
 }
 
 std::vector<double> AudioProbe::Recorder::levels(std::size_t from, std::size_t to) const {
@@ -242,15 +242,11 @@ std::vector<double> AudioProbe::Recorder::levels(std::size_t from, std::size_t t
 
 std::vector<double> AudioProbe::Recorder::recentLevels(std::chrono::milliseconds duration) const {
   const std::size_t end = frames();
-  const auto count = static_cast<std::size_t>(duration.count()) * rate / 1000;
-  return levels(end > count ? end - count : 0, end);
+  return levels(end > toFrames(duration) ? end - toFrames(duration) : 0, end);
 }
 
 std::vector<double> AudioProbe::Recorder::levelsAfter(std::chrono::milliseconds settle,
                                                       std::chrono::milliseconds measure) const {
-  const auto toFrames = [](std::chrono::milliseconds duration) {
-    return static_cast<std::size_t>(duration.count()) * rate / 1000;
-  };
   const std::size_t from = frames() + toFrames(settle);
   if (!waitForMore(toFrames(settle) + toFrames(measure), std::chrono::seconds(5))) {
     throw std::runtime_error("the recorder heard nothing for 5 s");

@@ -3,24 +3,16 @@
 namespace brisola::testing {
 
 SourceConfig passThruSource(std::string id, std::int64_t channelCount) {
-  return SourceConfig{.id = std::move(id),
-                      .type = SourceType::passThru,
-                      .name = "Pass-Thru",
-                      .enabled = true,
-                      .muted = false,
-                      .gain = 1.0,
-                      .channelCount = channelCount};
+  auto source = sourceOf(SourceType::passThru, std::move(id), "Pass-Thru");
+  source.channelCount = channelCount;
+  return source;
 }
 
 SourceConfig hardwareSource(std::string id, std::string deviceUID, std::int64_t channelCount) {
-  return SourceConfig{.id = std::move(id),
-                      .type = SourceType::hardwareInput,
-                      .name = "Microphone",
-                      .enabled = true,
-                      .muted = false,
-                      .gain = 1.0,
-                      .channelCount = channelCount,
-                      .metadata = {.deviceUID = std::move(deviceUID)}};
+  auto source = sourceOf(SourceType::hardwareInput, std::move(id), "Microphone",
+                         {.deviceUID = std::move(deviceUID)});
+  source.channelCount = channelCount;
+  return source;
 }
 
 SourceConfig sourceOf(SourceType type, std::string id, std::string name, SourceMetadata metadata) {
@@ -76,26 +68,18 @@ ConfigSnapshot richSnapshot() {
   studio.volume = 0.75;
   studio.channelGains = std::vector<double>{1.0, 0.1};
   studio.icon = "mic.fill";
-  studio.sources.push_back(
-      SourceConfig{.id = "app",
-                   .type = SourceType::application,
-                   .name = "Sketchpad — ünïcødé",
-                   .enabled = true,
-                   .muted = true,
-                   .gain = 1.25,
-                   .channelGains = std::vector<double>{},
-                   .channelCount = 2,
-                   .muteWhenCapturing = true,
-                   .metadata = {.bundleIdentifier = "com.example.sketchpad",
-                                .pid = -2147483647 - 1,
-                                .processObjectID = 18446744073709551615ULL,
-                                .tapUUID = "0F3E5A8C-1B2D-4E6F-8A9B-C0D1E2F3A4B5"}});
-  studio.sources.push_back(SourceConfig{.id = "sys",
-                                        .type = SourceType::system,
-                                        .name = "System",
-                                        .enabled = false,
-                                        .gain = 1e-05,
-                                        .channelCount = 2});
+  studio.sources.push_back(sourceOf(SourceType::application, "app", "Sketchpad — ünïcødé",
+                                    {.bundleIdentifier = "com.example.sketchpad",
+                                     .pid = -2147483647 - 1,
+                                     .processObjectID = 18446744073709551615ULL,
+                                     .tapUUID = "0F3E5A8C-1B2D-4E6F-8A9B-C0D1E2F3A4B5"}));
+  studio.sources.back().muted = true;
+  studio.sources.back().gain = 1.25;
+  studio.sources.back().channelGains = std::vector<double>{};
+  studio.sources.back().muteWhenCapturing = true;
+  studio.sources.push_back(sourceOf(SourceType::system, "sys", "System"));
+  studio.sources.back().enabled = false;
+  studio.sources.back().gain = 1e-05;
   SourceConfig hardware = hardwareSource("mic", "BuiltInMic", 1);
   hardware.metadata.inputBackend = "coreaudio";
   studio.sources.push_back(hardware);
@@ -107,13 +91,8 @@ ConfigSnapshot richSnapshot() {
   nested.enabled = false;
   nested.sampleRate = 44100.5;
   nested.uid = "custom.uid/with/slashes";
-  nested.sources.push_back(SourceConfig{.id = "feed",
-                                        .type = SourceType::virtualDevice,
-                                        .name = "Feed",
-                                        .enabled = true,
-                                        .gain = 0.3,
-                                        .channelCount = 2,
-                                        .metadata = {.sourceDeviceID = "studio"}});
+  nested.sources.push_back(nestedSource("feed", "studio"));
+  nested.sources.back().gain = 0.3;
 
   return ConfigSnapshot{.schemaVersion = 2,
                         .devices = {studio, nested},

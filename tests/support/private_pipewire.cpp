@@ -14,7 +14,6 @@
 #include <functional>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include "support/system_helpers.hpp"
 
@@ -90,9 +89,7 @@ bool TiedProcess::running() {
 void TiedProcess::stop(std::chrono::milliseconds grace) {
   if (!running()) return;
   ::kill(pid_, grace.count() > 0 ? SIGTERM : SIGKILL);
-  const auto deadline = std::chrono::steady_clock::now() + grace;
-  while (running() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(5ms);
-  if (!running()) return;
+  if (eventually([&] { return !running(); }, grace, 5ms)) return;
   ::kill(pid_, SIGKILL);
   int status = 0;
   ::waitpid(pid_, &status, 0);
@@ -104,31 +101,24 @@ PrivatePipeWire::PrivatePipeWire() {
   for (const char* directory : {"home", "config", "state", "data"}) {
     fs::create_directories(runtime_ / directory);
   }
-  auto env = environment();
-  bus_ = std::make_unique<TiedProcess>(
-      std::vector<std::string>{"dbus-daemon", "--session", "--nofork", "--nopidfile",
-                               "--address=unix:path=" + (runtime_ / "bus").string()},
-      env, runtime_ / "dbus.log");
-  if (!eventually([&] { return fs::exists(runtime_ / "bus"); }, 10s)) {
-    throw std::runtime_error("the session bus did not start");
-  }
-  server_ = std::make_unique<TiedProcess>(std::vector<std::string>{"pipewire"}, env,
-                                          runtime_ / "pipewire.log");
-  if (!eventually([&] { return fs::exists(runtime_ / "pipewire-0"); }, 10s)) {
-    throw std::runtime_error("pipewire did not start: " + readFile(runtime_ / "pipewire.log"));
-  }
-  sessionManager_ = std::make_unique<TiedProcess>(std::vector<std::string>{"wireplumber"}, env,
-                                                  runtime_ / "wireplumber.log");
-  const bool ready = eventually(
-      [&] {
-        return tool("pw-cli", {"ls", "Metadata"}).out.find("metadata.name = \"default\"") !=
-               std::string::npos;
-      },
-      20s, 20ms);
-  if (!ready) {
-    throw std::runtime_error("wireplumber did not start: " +
-                             readFile(runtime_ / "wireplumber.log"));
-  }
+  // Each program is started once the one before it is ready; its log says why it is not.
+  const auto launch = [&](const std::vector<std::string>& argv,
+                          const std::function<bool()>& ready) {
+    auto process =
+        std::make_unique<TiedProcess>(argv, environment(), runtime_ / (argv[0] + ".log"));
+    if (!eventually(ready, 20s, 20ms)) {
+      throw std::runtime_error(argv[0] + " did not start: " + readFile(process->output()));
+    }
+    return process;
+  };
+  bus_ = launch({"dbus-daemon", "--session", "--nofork", "--nopidfile",
+                 "--address=unix:path=" + (runtime_ / "bus").string()},
+                [&] { return fs::exists(runtime_ / "bus"); });
+  server_ = launch({"pipewire"}, [&] { return fs::exists(runtime_ / "pipewire-0"); });
+  sessionManager_ = launch({"wireplumber"}, [&] {
+    return tool("pw-cli", {"ls", "Metadata"}).out.find("metadata.name = \"default\"") !=
+           std::string::npos;
+  });
 }
 
 PrivatePipeWire::~PrivatePipeWire() {
@@ -213,14 +203,10 @@ void PrivatePipeWire::setDefault(const std::string& name) const {
 void PrivatePipeWire::link(const std::string& output, const std::string& input) const {
   // A node is announced before its ports, so a port may be missing for a moment after its node
   // appears; only a port still missing after a few seconds is an error.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  for (;;) {
-    const auto result = tool("pw-link", {output, input});
-    if (result.status == 0) return;
-    if (std::chrono::steady_clock::now() > deadline) {
-      throw std::runtime_error("cannot link " + output + " to " + input + ": " + result.err);
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  Completed result;
+  const auto linked = [&] { return (result = tool("pw-link", {output, input})).status == 0; };
+  if (!eventually(linked, 5s, 20ms)) {
+    throw std::runtime_error("cannot link " + output + " to " + input + ": " + result.err);
   }
 }
 
@@ -233,7 +219,11 @@ void PrivatePipeWire::linkChannels(const std::string& from, const std::string& t
     }
     return ports;
   };
-  const auto outputs = portsOf("-o", from);
+  // A player is announced before its ports: only one still without ports is an error.
+  std::vector<std::string> outputs;
+  if (!eventually([&] { return !(outputs = portsOf("-o", from)).empty(); }, 5s, 20ms)) {
+    throw std::runtime_error(from + " has no output ports");
+  }
   const auto inputs = portsOf("-i", to);
   for (const auto& output : outputs) {
     const auto channel = output.substr(output.rfind('_'));

@@ -76,7 +76,7 @@ class PrivatePipeWire {
   void setDefault(const std::string& name) const;
   // Links two ports ("node:port"), as pw-link does.
   void link(const std::string& output, const std::string& input) const;
-  // Links every output port of node `from` to the input port of `to` with the same channel.
+  // Links each output port of `from` (once it has any) to the input of `to` on the same channel.
   void linkChannels(const std::string& from, const std::string& to) const;
 
  private:

@@ -8,9 +8,8 @@
 
 #include <atomic>
 #include <stdexcept>
-#include <thread>
 
-#include "support/temp_dir.hpp"
+#include "support/system_helpers.hpp"
 
 extern char** environ;
 
@@ -92,17 +91,15 @@ void RunningProcess::signal(int number) const {
 }
 
 std::optional<int> RunningProcess::waitFor(std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!status_) {
-    int raw = 0;
-    pid_t done = ::waitpid(pid_, &raw, WNOHANG);
-    if (done == pid_) {
-      status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-      break;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
+  eventually(
+      [&] {
+        int raw = 0;
+        if (!status_ && ::waitpid(pid_, &raw, WNOHANG) == pid_) {
+          status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+        }
+        return status_.has_value();
+      },
+      timeout);
   return status_;
 }
 
@@ -115,12 +112,8 @@ std::string RunningProcess::standardError() const {
 
 bool RunningProcess::waitForOutput(const std::string& text, std::chrono::milliseconds timeout,
                                    int count) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    if (countOccurrences(standardOutput(), text) >= count) return true;
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  return eventually([&] { return countOccurrences(standardOutput(), text) >= count; }, timeout,
+                    std::chrono::milliseconds(10));
 }
 
 Completed runToCompletion(const fs::path& program, const std::vector<std::string>& arguments,
@@ -128,12 +121,8 @@ Completed runToCompletion(const fs::path& program, const std::vector<std::string
                           const fs::path& workingDirectory, std::chrono::milliseconds timeout) {
   TempDir output;
   RunningProcess process(program, arguments, environment, output.path(), workingDirectory);
-  auto status = process.waitFor(timeout);
-  Completed result;
-  result.status = status.value_or(-1);
-  result.out = process.standardOutput();
-  result.err = process.standardError();
-  return result;
+  const int status = process.waitFor(timeout).value_or(-1);
+  return {status, process.standardOutput(), process.standardError()};
 }
 
 int countOccurrences(const std::string& text, const std::string& needle) {
