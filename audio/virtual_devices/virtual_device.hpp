@@ -16,7 +16,7 @@
 #include "common/audio_session.hpp"
 #include "common/device_ports.hpp"
 #include "common/gain_stage.hpp"
-#include "common/latest_value.hpp"
+#include "common/newest_value.hpp"
 
 namespace brisola::audio {
 
@@ -32,7 +32,7 @@ struct MixLane {
   std::array<AudioFilter::Port, maximumChannels> entrance{};
   std::array<AudioFilter::Port, maximumChannels> helpers{};
   std::array<AudioFilter::Port, maximumChannels> outputs{};
-  LatestValue<GainStage>* mix = nullptr;
+  NewestValue<GainStage>* mix = nullptr;
   LevelMeter* entranceLevels = nullptr;
   LevelMeter* outputLevels = nullptr;
 };
@@ -83,7 +83,7 @@ class VirtualDevice {
   RuntimeDeviceControls controls_;
   std::size_t channels_;
   std::vector<std::string> positions_;
-  LatestValue<GainStage> mix_;
+  NewestValue<GainStage> mix_;
   LevelMeter entranceLevels_;
   LevelMeter outputLevels_;
   MeterPublisher entranceMeter_;

@@ -8,17 +8,17 @@
 #include <thread>
 
 #include "common/gain_stage.hpp"
-#include "common/latest_value.hpp"
+#include "common/newest_value.hpp"
 
 namespace brisola::audio {
 namespace {
 
-TEST(LatestValue, TheAudioThreadNeverSeesATornOrAnOlderValue) {
+TEST(NewestValue, TheAudioThreadNeverSeesATornOrAnOlderValue) {
   struct Value {
     std::uint64_t sequence = 0;
     std::array<std::uint64_t, 128> copies{};
   };
-  LatestValue<Value> latest;
+  NewestValue<Value> latest;
   constexpr std::uint64_t writes = 200'000;
   std::thread writer([&] {
     Value value;

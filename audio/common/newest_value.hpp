@@ -11,9 +11,9 @@
 namespace brisola::audio {
 
 template <class T>
-class LatestValue {
+class NewestValue {
  public:
-  explicit LatestValue(const T& initial = T{}) { slots_.fill(initial); }
+  explicit NewestValue(const T& initial = T{}) { slots_.fill(initial); }
 
   // Writer thread only.
   void write(const T& value) {
