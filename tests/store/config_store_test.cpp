@@ -30,23 +30,21 @@ using testing::TempDir;
 using testing::thrown;
 using testing::writeFile;
 
-std::vector<std::string> namesIn(const fs::path& directory) {
-  std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator(directory)) {
-    names.push_back(entry.path().filename().string());
+// Every entry under the directory, relative, directories (not links) ending in "/", sorted.
+std::vector<std::string> listing(const fs::path& root) {
+  std::vector<std::string> entries;
+  for (const auto& entry : fs::recursive_directory_iterator(root)) {
+    entries.push_back(entry.path().lexically_relative(root).string() +
+                      (fs::is_directory(entry.symlink_status()) ? "/" : ""));
   }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-ConfigStore storeAt(const fs::path& url) {
-  return ConfigStore(url, FileManager::defaultManager());
+  std::ranges::sort(entries);
+  return entries;
 }
 
 TEST(ConfigStore, OnlyFirstUseCreatesTheDocumentAndLoadsUpgradeOrRefuseWithoutWriting) {
   TempDir dir;
   fs::path url = dir / "nested" / "Brisola" / "config.json";
-  ConfigStore store = storeAt(url);
+  ConfigStore store(url, FileManager::defaultManager());
   for (auto load : {&ConfigStore::load, &ConfigStore::loadValidated}) {
     EXPECT_EQ(thrown<ConfigStoreError>([&] { (store.*load)(); }),
               ConfigStoreError::missingConfig(url));
@@ -59,14 +57,13 @@ TEST(ConfigStore, OnlyFirstUseCreatesTheDocumentAndLoadsUpgradeOrRefuseWithoutWr
   ConfigSnapshot old = richSnapshot();
   old.schemaVersion = 1;
   store.save(old);
-  EXPECT_EQ(namesIn(url.parent_path()), std::vector<std::string>{"config.json"});
+  EXPECT_EQ(listing(url.parent_path()), std::vector<std::string>{"config.json"});
   EXPECT_EQ(store.load(), ConfigMigration::migrate(old));
   EXPECT_NE(store.load(), old);
   EXPECT_EQ(readFile(url), encodeJSON(old));
 
   // Errors refuse a validated load; warnings do not.
-  ConfigSnapshot document = ConfigSnapshot::empty();
-  document.devices.push_back(testing::stereoDevice("d", ""));
+  ConfigSnapshot document{.devices = {testing::stereoDevice("d", "")}};
   document.devices[0].sampleRate = 44100;
   store.save(document);
   EXPECT_EQ(thrown<ConfigStoreError>([&] { store.loadValidated(); }),
@@ -80,7 +77,7 @@ TEST(ConfigStore, OnlyFirstUseCreatesTheDocumentAndLoadsUpgradeOrRefuseWithoutWr
 TEST(ConfigStore, BrokenDocumentsAreReportedAndNeverOverwritten) {
   TempDir dir;
   fs::path url = dir / "config.json";
-  ConfigStore store = storeAt(url);
+  ConfigStore store(url, FileManager::defaultManager());
   const auto loads = {&ConfigStore::load, &ConfigStore::loadValidated,
                       &ConfigStore::loadOrCreateEmpty};
   for (const std::string content : {"not json", "{\"schemaVersion\": 2, \"devices\": ["}) {
@@ -117,7 +114,7 @@ TEST(ConfigStore, BrokenDocumentsAreReportedAndNeverOverwritten) {
         EXPECT_THAT(error->what(), ::testing::HasSubstr(text));
       }
     }
-    EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{"config.json"});
+    EXPECT_THAT(listing(dir.path()), ElementsAre(::testing::StartsWith("config.json")));
     fs::remove(url);
   }
 }
@@ -127,9 +124,8 @@ TEST(ConfigStore, BrokenDocumentsAreReportedAndNeverOverwritten) {
 enum class Step { createDirectory, createFile, append, sync, close, replace, loseDocument, move };
 
 void failAt(Step step, Step failing) {
-  if (step == failing) {
+  if (step == failing)
     throw fs::filesystem_error("injected", std::make_error_code(std::errc::io_error));
-  }
 }
 
 class FailingFile : public WritableFile {
@@ -182,49 +178,37 @@ class FailingFileManager : public FileManagerWrapper {
   Step failing_;
 };
 
-// Without a document the empty one is created by loadOrCreateEmpty, which must report the
-// failure too.
 TEST(ConfigStore, EveryFailingStepOfASaveLeavesTheDocumentIntactAndNoTemporaryFile) {
-  struct Case {
-    Step step;
-    bool documentExists, temporaryLeftBehind;
-  };
-  // Nothing reads a temporary file: it stays only as the one whole copy of a document that
-  // vanished.
-  const std::vector<Case> cases = {{Step::createDirectory, false, false},
-                                   {Step::createFile, true, false},
-                                   {Step::append, true, false},
-                                   {Step::sync, false, false},
-                                   {Step::sync, true, false},
-                                   {Step::close, true, false},
-                                   {Step::replace, true, false},
-                                   {Step::loseDocument, true, true},
-                                   {Step::move, false, false}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(static_cast<int>(c.step));
-    TempDir dir;
-    fs::path url = dir / "data" / "config.json";
-    if (c.documentExists) {
-      fs::create_directories(url.parent_path());
-      writeFile(url, encodeJSON(richSnapshot()));
-    }
-    ConfigStore store(url, std::make_shared<FailingFileManager>(c.step));
-    const auto error = thrown<fs::filesystem_error>([&] {
-      c.documentExists ? store.save(ConfigSnapshot::empty()) : (void)store.loadOrCreateEmpty();
-    });
-    ASSERT_TRUE(error) << "the save succeeded";
-    EXPECT_EQ(error->code(), std::errc::io_error);
-    if (c.documentExists && !c.temporaryLeftBehind) {
-      EXPECT_EQ(storeAt(url).load(), richSnapshot());
-    } else {
-      EXPECT_FALSE(fs::exists(url));
-    }
-    if (fs::exists(url.parent_path())) {
-      auto names = namesIn(url.parent_path());
-      std::erase(names, "config.json");
-      if (c.temporaryLeftBehind) {
+  // Without a document (or its directory) loadOrCreateEmpty creates the empty one, and must
+  // report the failure too.
+  for (const bool documentExists : {false, true}) {
+    for (const Step step : documentExists
+                               ? std::vector{Step::createFile, Step::append, Step::sync,
+                                             Step::close, Step::replace, Step::loseDocument}
+                               : std::vector{Step::createDirectory, Step::sync, Step::move}) {
+      SCOPED_TRACE(static_cast<int>(step));
+      // Nothing reads a temporary file: it stays only as the one whole copy of a document that
+      // vanished.
+      const bool leftBehind = step == Step::loseDocument;
+      TempDir dir;
+      const fs::path url = documentExists ? dir / "config.json" : dir / "data" / "config.json";
+      if (documentExists) writeFile(url, encodeJSON(richSnapshot()));
+      ConfigStore store(url, std::make_shared<FailingFileManager>(step));
+      const auto error = thrown<fs::filesystem_error>([&] {
+        documentExists ? store.save(ConfigSnapshot::empty()) : (void)store.loadOrCreateEmpty();
+      });
+      ASSERT_TRUE(error) << "the save succeeded";
+      EXPECT_EQ(error->code(), std::errc::io_error);
+      EXPECT_EQ(fs::exists(url), documentExists && !leftBehind);
+      if (fs::exists(url)) {
+        EXPECT_EQ(ConfigStore(url, FileManager::defaultManager()).load(), richSnapshot());
+      }
+      auto names = listing(dir.path());
+      std::erase_if(names,
+                    [](const auto& name) { return name == "config.json" || name == "data/"; });
+      if (leftBehind) {
         ASSERT_THAT(names, ElementsAre(MatchesRegex(R"(\.config\.json\.[0-9A-F-]{36}\.tmp)")));
-        EXPECT_EQ(readFile(url.parent_path() / names[0]), encodeJSON(ConfigSnapshot::empty()));
+        EXPECT_EQ(readFile(dir / names[0]), encodeJSON(ConfigSnapshot::empty()));
       } else {
         EXPECT_THAT(names, IsEmpty());
       }
@@ -237,39 +221,34 @@ TEST(ConfigStoreCrash, KilledWriterNeverLeavesATornOrMissingDocument) {
   TempDir dir;
   ConfigStore store(dir / "config.json", FileManager::defaultManager());
   const ConfigSnapshot first = richSnapshot();
-  ConfigSnapshot second = ConfigSnapshot::empty();
-  for (int i = 0; i < 40; ++i) {
-    second.devices.push_back(testing::stereoDevice("d" + std::to_string(i), "Device"));
-  }
+  const ConfigSnapshot second{.devices = std::vector(40, testing::stereoDevice("d", "Device"))};
   store.save(first);
 
   // Kill within about two rounds of saves, however fast this build saves, so that kills land
   // before, during and after each step of both saves.
   const auto started = std::chrono::steady_clock::now();
   for (int i = 0; i < 6; ++i) store.save(i % 2 == 0 ? second : first);
-  const auto saveRound = std::chrono::duration_cast<std::chrono::microseconds>(
-                             std::chrono::steady_clock::now() - started) /
-                         3;
+  const std::chrono::nanoseconds saveRound = (std::chrono::steady_clock::now() - started) / 3;
   std::mt19937 random(12345);
   // A forked child starts slower than the parent saves (more so under sanitizers): kill within
   // four rounds.
-  std::uniform_int_distribution<long> delayMicroseconds(0, 4 * saveRound.count() + 100);
+  std::uniform_int_distribution<long> delay(
+      0, (4 * saveRound + std::chrono::microseconds(100)).count());
   int seen[2] = {0, 0};  // first, second
   for (int round = 0; round < 400; ++round) {
     pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
+      // Alternate which document comes first, so a kill during the first save of a round does
+      // not always find the same document in place.
       try {
-        // Alternate which document comes first, so a kill during the first save of a round
-        // does not always find the same document in place.
-        for (bool useFirst = round % 2 != 0;; useFirst = !useFirst) {
+        for (bool useFirst = round % 2 != 0;; useFirst = !useFirst)
           store.save(useFirst ? first : second);
-        }
       } catch (...) {
         ::_exit(3);
       }
     }
-    std::this_thread::sleep_for(std::chrono::microseconds(delayMicroseconds(random)));
+    std::this_thread::sleep_for(std::chrono::nanoseconds(delay(random)));
     ::kill(child, SIGKILL);
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
@@ -287,13 +266,13 @@ TEST(ConfigStoreCrash, KilledWriterNeverLeavesATornOrMissingDocument) {
   writeFile(dir / ".config.json.notes.tmp", "");
   writeFile(dir / ".other.json.00000000-0000-0000-0000-000000000000.tmp", "");
   const auto files = FileManager::defaultManager();
-  for (const auto& name : namesIn(dir.path())) {
+  for (const auto& name : listing(dir.path())) {
     files->setModificationDate(dir / name, FileManager::Clock::now() - std::chrono::minutes(11));
   }
   writeFile(dir / ".config.json.11111111-2222-3333-4444-555555555555.tmp", "a running save");
   store.save(first);
   EXPECT_THAT(
-      namesIn(dir.path()),
+      listing(dir.path()),
       ElementsAre(".config.json.11111111-2222-3333-4444-555555555555.tmp", ".config.json.notes.tmp",
                   ".other.json.00000000-0000-0000-0000-000000000000.tmp", "config.json"));
 }
@@ -306,30 +285,23 @@ ConfigSnapshot versioned(std::int64_t version, std::optional<std::string> select
 }
 
 TEST(ConfigMigration, OldVersionsBindTheSelectedOrFirstDeviceToThePassThruUID) {
-  struct Case {
-    const char* name;
-    ConfigSnapshot input;
-    int target;  // index of the device that takes the pass-thru UID, or -1
-  };
-  const std::vector<Case> cases = {
+  // What changes, the document, and the index of the device that takes the pass-thru UID or -1.
+  const std::vector<std::tuple<const char*, ConfigSnapshot, int>> cases = {
       {"selected device", versioned(1, "b", {"a", "b"}), 1},
       {"selection names no device", versioned(1, "z", {"a", "b"}), 0},
       {"nothing selected", versioned(1, std::nullopt, {"a", "b"}), 0},
       {"no devices", versioned(1, "a", {}), -1},
       {"negative version, first of two matches", versioned(-4, "a", {"x", "a", "a"}), 1},
       {"current version", versioned(2, "b", {"a", "b"}), -1},
+      {"newer versions only get the current number", versioned(3, "b", {"a", "b"}), -1},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    ConfigSnapshot expected = c.input;
+  for (const auto& [name, input, target] : cases) {
+    SCOPED_TRACE(name);
+    ConfigSnapshot expected = input;
     expected.schemaVersion = 2;
-    if (c.target >= 0) expected.devices[c.target].uid = "dev.kestrine.pass-thru";
-    EXPECT_EQ(ConfigMigration::migrate(c.input), expected);
+    if (target >= 0) expected.devices[target].uid = "dev.kestrine.pass-thru";
+    EXPECT_EQ(ConfigMigration::migrate(input), expected);
   }
-  // Newer versions only get the current number.
-  ConfigSnapshot newer = testing::richSnapshot();
-  newer.schemaVersion = 3;
-  EXPECT_EQ(ConfigMigration::migrate(newer), testing::richSnapshot());
 }
 
 // Reports a fixed Application Support directory (or none) and home directory, and fails the
@@ -343,9 +315,8 @@ class RelocatedFileManager : public FileManagerWrapper {
   std::vector<fs::path> applicationSupportDirectories() const override { return support_; }
   fs::path homeDirectory() const override { return home_; }
   void moveItem(const fs::path& from, const fs::path& to) const override {
-    if (from.filename() == "a") {
+    if (from.filename() == "a")
       throw fs::filesystem_error("injected", from, std::make_error_code(std::errc::io_error));
-    }
     FileManagerWrapper::moveItem(from, to);
   }
 
@@ -354,32 +325,12 @@ class RelocatedFileManager : public FileManagerWrapper {
   fs::path home_;
 };
 
-TEST(DefaultURL, UsesTheFirstApplicationSupportDirectoryOrElseTheHomeLayout) {
-  TempDir dir;
-  RelocatedFileManager withSupport({dir / "support", dir / "other"}, dir / "home");
-  EXPECT_EQ(ConfigStore::defaultURL(withSupport), dir / "support" / "Brisola" / "config.json");
-  RelocatedFileManager without({}, dir / "home");
-  EXPECT_EQ(ConfigStore::defaultURL(without),
-            dir / "home" / "Library" / "Application Support" / "Brisola" / "config.json");
-}
-
-// Every entry under the directory, relative, directories with a trailing "/", sorted.
-std::vector<std::string> listing(const fs::path& root) {
-  std::vector<std::string> entries;
-  for (const auto& entry : fs::recursive_directory_iterator(root)) {
-    entries.push_back(fs::relative(entry.path(), root).string() +
-                      (entry.is_directory() ? "/" : ""));
-  }
-  std::sort(entries.begin(), entries.end());
-  return entries;
-}
-
-TEST(DefaultURL, TheLegacyDataDirectoryMovesOnceWithoutItsBinAndNeverFailsTheCall) {
-  struct Row {
-    const char* what;
-    std::vector<std::string> before, after;  // "x/" is a directory, "x" a file
-  };
-  const std::vector<Row> rows{
+// The first Application Support directory holds the document, or else the home layout does. A
+// legacy data directory there moves once, without its bin, and never fails the call.
+TEST(DefaultURL, FirstApplicationSupportDirectoryOrHomeLayoutAndTheLegacyDirectoryMovesOnce) {
+  // What happens, the entries before and after; "x/" is a directory, "x" a file.
+  using Entries = std::vector<std::string>;
+  const std::vector<std::tuple<const char*, Entries, Entries>> rows{
       {"everything but bin moves",
        {"Kestrine/bin/", "Kestrine/logs/a.log", "Kestrine/config.json", "Kestrine/.hidden"},
        {"Brisola/", "Brisola/.hidden", "Brisola/config.json", "Brisola/logs/", "Brisola/logs/a.log",
@@ -393,21 +344,24 @@ TEST(DefaultURL, TheLegacyDataDirectoryMovesOnceWithoutItsBinAndNeverFailsTheCal
        {"Kestrine/a", "Kestrine/b"},
        {"Brisola/", "Brisola/b", "Kestrine/", "Kestrine/a"}},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.what);
+  for (const auto& [what, before, after] : rows) {
+    SCOPED_TRACE(what);
     TempDir dir;
-    for (const std::string& entry : row.before) {
+    for (const std::string& entry : before) {
       fs::create_directories((dir / entry).parent_path());
       if (!entry.ends_with("/")) writeFile(dir / entry, entry);
     }
-    RelocatedFileManager manager({dir.path()}, dir / "home");
+    RelocatedFileManager manager({dir.path(), dir / "other"}, dir / "home");
     EXPECT_EQ(ConfigStore::defaultURL(manager), dir / "Brisola" / "config.json");
-    EXPECT_EQ(listing(dir.path()), row.after);
-    for (const std::string& entry : row.after) {
+    EXPECT_EQ(listing(dir.path()), after);
+    for (const std::string& entry : after) {
       if (!entry.starts_with("Brisola/") || entry.ends_with("/")) continue;
       EXPECT_EQ(readFile(dir / entry), "Kestrine/" + entry.substr(8)) << "moved, not made";
     }
   }
+  TempDir dir;
+  EXPECT_EQ(ConfigStore::defaultURL(RelocatedFileManager({}, dir / "home")),
+            dir / "home" / "Library" / "Application Support" / "Brisola" / "config.json");
 }
 
 }  // namespace
