@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
 #include <random>
 #include <regex>
 #include <thread>
@@ -26,6 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using testing::alive;
 using ::testing::HasSubstr;
 using testing::readFile;
 using testing::RunningProcess;
@@ -239,14 +239,6 @@ std::map<pid_t, std::string> recordedHelpers(const fs::path& records) {
     helpers[std::stoi(entry.path().stem().string())] = readFile(entry.path());
   }
   return helpers;
-}
-
-// A zombie still answers kill(pid, 0); its state letter in /proc tells it from the living.
-bool alive(pid_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  const auto close = text.rfind(')');
-  return close != std::string::npos && text.at(close + 2) != 'Z';
 }
 
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {

@@ -7,7 +7,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "support/audio_probe.hpp"
@@ -70,7 +69,7 @@ class RoutedSound : public ::testing::Test {
   }
 
   // A process that plays the tone file, with a PID the document can name.
-  std::unique_ptr<testing::TiedProcess> application(const std::string& target = "") {
+  std::unique_ptr<testing::RunningProcess> application(const std::string& target = "") {
     std::vector<std::string> argv{"pw-play"};
     if (!target.empty()) argv.insert(argv.end(), {"--target", target});
     argv.push_back((dir_ / "tone.wav").string());
@@ -91,28 +90,13 @@ class RoutedSound : public ::testing::Test {
 
   // The helpers the service runs now: their process names and ids.
   std::multimap<std::string, pid_t> helpers() const {
-    std::multimap<std::string, pid_t> found;
-    for (const auto& entry : fs::directory_iterator("/proc")) {
-      std::ifstream stat(entry.path() / "stat");
-      std::string line;
-      if (!std::getline(stat, line)) continue;
-      const auto open = line.find('('), close = line.rfind(')');
-      if (open == std::string::npos || close == std::string::npos) continue;
-      std::istringstream rest(line.substr(close + 2));
-      std::string state;
-      pid_t parent = 0;
-      rest >> state >> parent;
-      if (service_ && parent == service_->pid() && state != "Z") {
-        found.emplace(line.substr(open + 1, close - open - 1), std::stoi(entry.path().filename()));
-      }
-    }
-    return found;
+    return service_ ? testing::childrenOf(service_->pid()) : std::multimap<std::string, pid_t>{};
   }
 
   testing::PrivatePipeWire server_;
   testing::TempDir dir_;
   std::map<std::string, std::string> environment_;
-  std::unique_ptr<testing::TiedProcess> devices_;
+  std::unique_ptr<testing::RunningProcess> devices_;
   std::unique_ptr<testing::RunningProcess> service_;
   AudioProbe probe_;
 };

@@ -67,9 +67,7 @@ class VirtualDevices : public ::testing::Test {
     program_ = server_->start(
         {(testing::buildDirectory() / "service" / "brisola-virtual-devices").string()});
   }
-  std::string programLog() const {
-    return fs::exists(program_->output()) ? testing::readFile(program_->output()) : "";
-  }
+  std::string programLog() const { return program_->standardError() + program_->standardOutput(); }
 
   // Publishes and waits until exactly these devices are usable: inputs and outputs.
   void publish(const std::vector<RuntimeDeviceControls>& devices) {
@@ -91,7 +89,7 @@ class VirtualDevices : public ::testing::Test {
   }
 
   static inline std::unique_ptr<testing::PrivatePipeWire> server_;
-  std::unique_ptr<testing::TiedProcess> program_;
+  std::unique_ptr<testing::RunningProcess> program_;
   AudioProbe probe_;
 };
 
@@ -273,9 +271,8 @@ TEST_F(VirtualDevices, BlockStatesAreLoggedOnceAndAStopRemovesEverything) {
 
   const auto meter = RuntimeMeterStore::outputOwnerID("d1");
   ASSERT_TRUE(RuntimeMeterStore::reading(meter).has_value());
-  ::kill(program_->pid(), SIGTERM);
-  ASSERT_TRUE(testing::eventually([&] { return !program_->running(); }, 5s));
-  EXPECT_EQ(program_->exitStatus(), 0);
+  program_->signal(SIGTERM);
+  EXPECT_EQ(program_->waitFor(5s), 0);
   EXPECT_THAT(programLog(), ::testing::HasSubstr("Stopped Brisola virtual devices"));
   EXPECT_FALSE(RuntimeMeterStore::reading(meter).has_value());
   const auto backend = HardwareBackend::current();

@@ -1,12 +1,6 @@
 #include "support/private_pipewire.hpp"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
@@ -22,80 +16,6 @@ namespace brisola::testing {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-namespace {
-
-fs::path findProgram(const std::string& name) {
-  const char* path = ::getenv("PATH");
-  std::stringstream directories(path != nullptr ? path : "/usr/bin:/bin");
-  for (std::string directory; std::getline(directories, directory, ':');) {
-    fs::path candidate = fs::path(directory) / name;
-    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
-  }
-  throw std::runtime_error(name + " is not installed (scripts/deps.sh installs it)");
-}
-
-}  // namespace
-
-TiedProcess::TiedProcess(const std::vector<std::string>& argv,
-                         const std::map<std::string, std::string>& env, const fs::path& output) {
-  // Everything the child needs is made before fork: only async-signal-safe calls follow it.
-  const fs::path program =
-      argv.at(0).find('/') == std::string::npos ? findProgram(argv.at(0)) : fs::path(argv.at(0));
-  std::vector<std::string> argumentTexts = argv;
-  std::vector<char*> arguments;
-  for (auto& text : argumentTexts) arguments.push_back(text.data());
-  arguments.push_back(nullptr);
-  std::vector<std::string> environmentTexts;
-  for (const auto& [name, value] : env) environmentTexts.push_back(name + "=" + value);
-  std::vector<char*> environment;
-  for (auto& text : environmentTexts) environment.push_back(text.data());
-  environment.push_back(nullptr);
-  output_ = output;
-  const std::string outputPath = output.string();
-  const pid_t parent = ::getpid();
-
-  pid_ = ::fork();
-  if (pid_ < 0) throw std::runtime_error("fork failed");
-  if (pid_ == 0) {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() != parent) ::_exit(127);
-    sigset_t none;
-    sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    const int null = ::open("/dev/null", O_RDONLY);
-    const int out = ::open(outputPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (null < 0 || out < 0) ::_exit(127);
-    ::dup2(null, 0);
-    ::dup2(out, 1);
-    ::dup2(out, 2);
-    ::execve(program.c_str(), arguments.data(), environment.data());
-    ::_exit(127);
-  }
-}
-
-TiedProcess::~TiedProcess() {
-  stop(0ms);
-}
-
-bool TiedProcess::running() {
-  if (status_) return false;
-  int status = 0;
-  if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-  return !status_;
-}
-
-void TiedProcess::stop(std::chrono::milliseconds grace) {
-  if (!running()) return;
-  ::kill(pid_, grace.count() > 0 ? SIGTERM : SIGKILL);
-  if (eventually([&] { return !running(); }, grace, 5ms)) return;
-  ::kill(pid_, SIGKILL);
-  int status = 0;
-  ::waitpid(pid_, &status, 0);
-  status_ = 128 + SIGKILL;
-}
-
 PrivatePipeWire::PrivatePipeWire() {
   ::chmod(runtime_.path().c_str(), 0700);
   for (const char* directory : {"home", "config", "state", "data"}) {
@@ -104,10 +24,10 @@ PrivatePipeWire::PrivatePipeWire() {
   // Each program is started once the one before it is ready; its log says why it is not.
   const auto launch = [&](const std::vector<std::string>& argv,
                           const std::function<bool()>& ready) {
-    auto process =
-        std::make_unique<TiedProcess>(argv, environment(), runtime_ / (argv[0] + ".log"));
+    auto process = start(argv);
     if (!eventually(ready, 20s, 20ms)) {
-      throw std::runtime_error(argv[0] + " did not start: " + readFile(process->output()));
+      throw std::runtime_error(argv[0] + " did not start: " + process->standardError() +
+                               process->standardOutput());
     }
     return process;
   };
@@ -150,13 +70,12 @@ void PrivatePipeWire::useInThisProcess() const {
 
 Completed PrivatePipeWire::tool(const std::string& program,
                                 const std::vector<std::string>& arguments) const {
-  return runToCompletion(findProgram(program), arguments, environment(), runtime_.path(), 10s);
+  return runToCompletion(program, arguments, environment(), runtime_.path(), 10s);
 }
 
-std::unique_ptr<TiedProcess> PrivatePipeWire::start(const std::vector<std::string>& argv) const {
-  static int counter = 0;
-  return std::make_unique<TiedProcess>(argv, environment(),
-                                       runtime_ / ("client-" + std::to_string(counter++) + ".log"));
+std::unique_ptr<RunningProcess> PrivatePipeWire::start(const std::vector<std::string>& argv) const {
+  return std::make_unique<RunningProcess>(argv.at(0), std::vector(argv.begin() + 1, argv.end()),
+                                          environment(), runtime_.path(), runtime_.path());
 }
 
 void PrivatePipeWire::createNode(const NullNode& node) const {

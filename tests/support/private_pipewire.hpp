@@ -1,10 +1,8 @@
 #pragma once
 
 // A PipeWire of the test's own: a session bus, pipewire and wireplumber in a fresh runtime
-// directory, with null sinks standing in for hardware. Every process it starts is ended by its
-// PID when the object goes, and dies with the test process if that is killed first.
-
-#include <sys/types.h>
+// directory, with null sinks standing in for hardware. Every process it starts is ended when the
+// object goes, and dies with the test process if that is killed first.
 
 #include <chrono>
 #include <filesystem>
@@ -17,29 +15,6 @@
 #include "support/temp_dir.hpp"
 
 namespace brisola::testing {
-
-// A child that gets SIGKILL when the thread that started it ends, killed and reaped with the
-// object.
-class TiedProcess {
- public:
-  TiedProcess(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
-              const std::filesystem::path& output);
-  ~TiedProcess();
-  TiedProcess(const TiedProcess&) = delete;
-  TiedProcess& operator=(const TiedProcess&) = delete;
-  pid_t pid() const { return pid_; }
-  const std::filesystem::path& output() const { return output_; }
-  bool running();
-  // The exit code (or 128 + signal) once it has ended.
-  std::optional<int> exitStatus() const { return status_; }
-  // SIGTERM, then SIGKILL if it has not ended within `grace`; reaps it.
-  void stop(std::chrono::milliseconds grace = std::chrono::seconds(2));
-
- private:
-  pid_t pid_ = -1;
-  std::filesystem::path output_;
-  std::optional<int> status_;
-};
 
 struct NullNode {
   std::string name;
@@ -65,7 +40,7 @@ class PrivatePipeWire {
   // Runs a PipeWire tool (pw-cli, pw-link, pw-metadata, wpctl...) against this server.
   Completed tool(const std::string& program, const std::vector<std::string>& arguments) const;
   // Starts a long-running client (pw-play, pw-record...) against this server.
-  std::unique_ptr<TiedProcess> start(const std::vector<std::string>& argv) const;
+  std::unique_ptr<RunningProcess> start(const std::vector<std::string>& argv) const;
 
   // Creates a null node that stays until removed; returns once its ports exist.
   void createNode(const NullNode& node) const;
@@ -81,9 +56,9 @@ class PrivatePipeWire {
 
  private:
   TempDir runtime_;
-  std::unique_ptr<TiedProcess> bus_;
-  std::unique_ptr<TiedProcess> server_;
-  std::unique_ptr<TiedProcess> sessionManager_;
+  std::unique_ptr<RunningProcess> bus_;
+  std::unique_ptr<RunningProcess> server_;
+  std::unique_ptr<RunningProcess> sessionManager_;
 };
 
 // A tone file for players that are processes of their own (pw-play): a sine of `amplitude` on

@@ -2,11 +2,12 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <sstream>
 #include <stdexcept>
 
 #include "support/system_helpers.hpp"
@@ -35,72 +36,105 @@ std::map<std::string, std::string> currentEnvironment() {
   return result;
 }
 
+namespace {
+
+fs::path findProgram(const fs::path& program) {
+  if (program.has_parent_path()) return program;
+  const char* path = ::getenv("PATH");
+  std::stringstream directories(path != nullptr ? path : "/usr/bin:/bin");
+  for (std::string directory; std::getline(directories, directory, ':');) {
+    if (::access((fs::path(directory) / program).c_str(), X_OK) == 0) return directory / program;
+  }
+  throw std::runtime_error(program.string() + " is not installed (scripts/deps.sh installs it)");
+}
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+  std::vector<char*> result;
+  for (auto& text : texts) result.push_back(text.data());
+  result.push_back(nullptr);
+  return result;
+}
+
+}  // namespace
+
 RunningProcess::RunningProcess(const fs::path& program, const std::vector<std::string>& arguments,
                                const std::map<std::string, std::string>& environment,
                                const fs::path& outputDirectory, const fs::path& workingDirectory) {
   static std::atomic<int> counter{0};
-  int index = counter++;
+  const int index = counter++;
   stdoutPath_ = outputDirectory / ("stdout-" + std::to_string(index) + ".txt");
   stderrPath_ = outputDirectory / ("stderr-" + std::to_string(index) + ".txt");
+  // Made here, so that they can be read at once.
+  writeFile(stdoutPath_, "");
+  writeFile(stderrPath_, "");
 
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, stdoutPath_.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, stderrPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0644);
-  posix_spawn_file_actions_addchdir_np(&actions, workingDirectory.c_str());
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  sigset_t empty, all;
-  sigemptyset(&empty);
-  sigfillset(&all);
-  posix_spawnattr_setsigmask(&attributes, &empty);
-  posix_spawnattr_setsigdefault(&attributes, &all);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-
+  // Everything the child needs is made before fork: only async-signal-safe calls follow it.
+  const fs::path executable = findProgram(program);
   std::vector<std::string> argumentTexts{program.string()};
   argumentTexts.insert(argumentTexts.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
-  for (auto& text : argumentTexts) argv.push_back(text.data());
-  argv.push_back(nullptr);
   std::vector<std::string> environmentTexts;
   for (const auto& [name, value] : environment) environmentTexts.push_back(name + "=" + value);
-  std::vector<char*> envp;
-  for (auto& text : environmentTexts) envp.push_back(text.data());
-  envp.push_back(nullptr);
+  const auto argv = pointers(argumentTexts), envp = pointers(environmentTexts);
+  const std::string out = stdoutPath_.string(), err = stderrPath_.string(),
+                    directory = workingDirectory.string();
+  const pid_t parent = ::getpid();
 
-  int error =
-      ::posix_spawn(&pid_, program.c_str(), &actions, &attributes, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
-  if (error != 0) throw std::runtime_error("could not start " + program.string());
+  pid_ = ::fork();
+  if (pid_ < 0) throw std::runtime_error("could not start " + program.string());
+  if (pid_ != 0) return;
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (::getppid() != parent) ::_exit(127);
+  struct sigaction defaults {};
+  defaults.sa_handler = SIG_DFL;
+  for (int signal = 1; signal < NSIG; ++signal) ::sigaction(signal, &defaults, nullptr);
+  sigset_t none;
+  ::sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  const int streams[] = {::open("/dev/null", O_RDONLY | O_CLOEXEC),
+                         ::open(out.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC),
+                         ::open(err.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC)};
+  for (int fd = 0; fd < 3; ++fd) {
+    if (streams[fd] < 0 || ::dup2(streams[fd], fd) < 0) ::_exit(127);
+  }
+  if (::chdir(directory.c_str()) == 0) ::execve(executable.c_str(), argv.data(), envp.data());
+  ::_exit(127);
 }
 
 RunningProcess::~RunningProcess() {
-  if (!status_) {
-    ::kill(pid_, SIGKILL);
-    int ignored = 0;
-    ::waitpid(pid_, &ignored, 0);
-  }
+  stop(std::chrono::milliseconds(0));
 }
 
 void RunningProcess::signal(int number) const {
   if (!status_) ::kill(pid_, number);
 }
 
+namespace {
+
+int statusOf(int raw) {
+  return WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+}
+
+}  // namespace
+
 std::optional<int> RunningProcess::waitFor(std::chrono::milliseconds timeout) {
   eventually(
       [&] {
         int raw = 0;
-        if (!status_ && ::waitpid(pid_, &raw, WNOHANG) == pid_) {
-          status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-        }
+        if (!status_ && ::waitpid(pid_, &raw, WNOHANG) == pid_) status_ = statusOf(raw);
         return status_.has_value();
       },
       timeout);
   return status_;
+}
+
+void RunningProcess::stop(std::chrono::milliseconds grace) {
+  if (grace.count() > 0) {
+    signal(SIGTERM);
+    if (waitFor(grace)) return;
+  }
+  signal(SIGKILL);
+  int raw = 0;
+  if (!status_ && ::waitpid(pid_, &raw, 0) == pid_) status_ = statusOf(raw);
 }
 
 std::string RunningProcess::standardOutput() const {

@@ -19,8 +19,10 @@ std::filesystem::path buildDirectory();
 
 class RunningProcess {
  public:
-  // Starts `program` with exactly `environment`, in `workingDirectory`, standard input from
-  // /dev/null and standard output and error into files inside `outputDirectory`.
+  // Starts `program` (looked up in PATH when it is a bare name) with exactly `environment`, in
+  // `workingDirectory`, with default signal handling, standard input from /dev/null and
+  // standard output and error into files inside `outputDirectory`. It gets SIGKILL when the
+  // thread that started it ends, so nothing outlives a test killed by its time limit.
   RunningProcess(const std::filesystem::path& program, const std::vector<std::string>& arguments,
                  const std::map<std::string, std::string>& environment,
                  const std::filesystem::path& outputDirectory,
@@ -34,6 +36,9 @@ class RunningProcess {
   // The exit status (exit code, or 128 + signal number) once the process has ended, or nothing
   // when it is still running after `timeout`.
   std::optional<int> waitFor(std::chrono::milliseconds timeout);
+  bool running() { return !waitFor(std::chrono::milliseconds(0)); }
+  // SIGTERM, then SIGKILL if it has not ended within `grace`; reaps it.
+  void stop(std::chrono::milliseconds grace = std::chrono::seconds(2));
   std::string standardOutput() const;
   std::string standardError() const;
   // Waits until standard output holds `count` lines containing `text`; false on timeout.

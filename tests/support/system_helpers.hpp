@@ -9,8 +9,11 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <map>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -55,6 +58,33 @@ inline int openDescriptorCount() {
     ::closedir(directory);
   }
   return count;
+}
+
+// Whether `pid` is running: a zombie still answers kill(pid, 0), its state letter tells it apart.
+inline bool alive(pid_t pid, std::string* name = nullptr, pid_t* parent = nullptr) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  std::getline(in, line);
+  const auto open = line.find('('), close = line.rfind(')');
+  if (close == std::string::npos || close + 2 >= line.size()) return false;
+  if (name != nullptr) *name = line.substr(open + 1, close - open - 1);
+  if (parent != nullptr) std::istringstream(line.substr(close + 3)) >> *parent;
+  return line[close + 2] != 'Z';
+}
+
+// The running children of `parent`: their process names and ids.
+inline std::multimap<std::string, pid_t> childrenOf(pid_t parent) {
+  std::multimap<std::string, pid_t> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    const std::string id = entry.path().filename();
+    std::string name;
+    pid_t itsParent = 0;
+    if (id.find_first_not_of("0123456789") == std::string::npos &&
+        alive(std::stoi(id), &name, &itsParent) && itsParent == parent) {
+      found.emplace(name, std::stoi(id));
+    }
+  }
+  return found;
 }
 
 // Writes `contents` to `path` with mode 0755 (or `mode`) and returns the path.
