@@ -175,7 +175,7 @@ int main() {
     argv.push_back((testing::buildDirectory() / "service" / name).string());
     return server.start(argv);
   };
-  std::vector<std::pair<std::string, std::unique_ptr<testing::TiedProcess>>> helpers;
+  std::vector<std::pair<std::string, std::unique_ptr<testing::RunningProcess>>> helpers;
   helpers.emplace_back(
       "brisola-process-tap",
       helper("brisola-process-tap", {{"BRISOLA_TAP_OUTPUT_UID", "helped"},
