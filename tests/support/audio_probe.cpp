@@ -119,7 +119,13 @@ std::unique_ptr<AudioProbe::Recorder> AudioProbe::record(const RecordSpec& wante
 struct AudioProbe::Stream::Listener {
   spa_hook hook{};
   static void process(void* data) { static_cast<Stream*>(data)->process(); }
-  static constexpr pw_stream_events events{.version = PW_VERSION_STREAM_EVENTS, .process = process};
+  static void ioChanged(void* data, std::uint32_t id, void* area, std::uint32_t) {
+    if (id == SPA_IO_Position) {
+      static_cast<Stream*>(data)->position_.store(static_cast<const spa_io_position*>(area));
+    }
+  }
+  static constexpr pw_stream_events events{
+      .version = PW_VERSION_STREAM_EVENTS, .io_changed = ioChanged, .process = process};
 };
 
 AudioProbe::Stream::Stream(AudioProbe& probe, std::size_t channels)
