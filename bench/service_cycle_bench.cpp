@@ -33,7 +33,7 @@
 #include "service/route_planner.hpp"
 #include "supervision/route_supervisor.hpp"
 #include "support/documents.hpp"
-#include "support/idle_helpers.hpp"
+#include "support/fake_helpers.hpp"
 
 namespace brisola {
 namespace {
@@ -97,7 +97,7 @@ void measure(benchmark::State& state, Way way) {
   const std::string controlName = "/brisolabench-cycle-" + std::to_string(::getpid());
   const auto hardware = HardwareBackend::simulated(directory / "hardware.json");
   const fs::path heartbeat = directory / "service-heartbeat";
-  IdleLauncher launcher;
+  FakeLauncher launcher;
   const Environment environment{{"BRISOLA_CONFIG_PATH", documentPath.string()},
                                 {"BRISOLA_HELPER_DIR", directory.string()}};
 

@@ -23,7 +23,7 @@ echo "== ThreadSanitizer (runtime shared memory, audio hand-over)"
 # shared-memory protocol and the hand-over of controls to the audio thread.
 cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBRISOLA_WERROR=ON \
   -DBRISOLA_SANITIZE=thread >/dev/null
-cmake --build build-tsan -j "$(nproc)" --target runtime_tests runtime_shm_tests audio_tests
+cmake --build build-tsan -j "$(nproc)" --target runtime_tests audio_tests
 ctest --test-dir build-tsan -L 'runtime|audio' --output-on-failure -j "$(nproc)"
 
 echo "== Fuzz targets (a few seconds each; scripts/fuzz.sh SECONDS for longer runs)"

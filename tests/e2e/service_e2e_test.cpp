@@ -10,12 +10,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <random>
 #include <regex>
 #include <thread>
 
 #include "brisola/model/json_coding.hpp"
-#include "brisola/platform/unique_fd.hpp"
 #include "support/documents.hpp"
 #include "support/process_runner.hpp"
 #include "support/system_helpers.hpp"
@@ -153,32 +151,30 @@ TEST_F(ServiceProcess, DryRunPrintsControlsAndRoutesWithoutTouchingAnything) {
               ::testing::ElementsAre("Dry run: 0 device(s)", "Dry run route: none"));
 }
 
-TEST_F(ServiceProcess, AnswersHelpAndVersionAndRefusesOtherArguments) {
-  const std::vector<std::tuple<std::string, int, std::string>> rows{
-      {"--version", 0, "brisola-audio-service 0.1.0\n"},
-      {"--help", 0, "Usage: brisola-audio-service [--help] [--version]\n"},
-      {"--bogus", 64, ""},
-  };
-  for (const auto& [argument, status, start] : rows) {
-    auto result = testing::runToCompletion(servicePath(), {argument}, environment({}), dir_.path());
-    EXPECT_EQ(result.status, status) << argument;
-    EXPECT_EQ(result.out.substr(0, start.size()), start) << argument;
-  }
-  EXPECT_FALSE(fs::exists(dir_ / "config.json")) << "the document was touched";
-}
-
-TEST_F(ServiceProcess, MissingHelperIsFatalAndNamedAlone) {
-  environment_.erase("BRISOLA_HELPER_DIR");
+// Neither the arguments nor a missing helper get as far as the document.
+TEST_F(ServiceProcess, AnswersVersionRefusesOtherArgumentsAndNamesAMissingHelper) {
   // A copy of its own: beside the built service lie the real helpers.
   fs::create_directories(dir_ / "bin");
   fs::copy_file(servicePath(), dir_ / "bin" / "brisola-audio-service");
-  auto result = testing::runToCompletion(dir_ / "bin" / "brisola-audio-service", {},
-                                         environment({}), dir_.path());
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(messages(result.out),
-              ::testing::ElementsAre("Fatal error: Could not find executable helper "
-                                     "'brisola-monitor'. Build helpers with "
-                                     "scripts/build-service.sh."));
+  const std::vector<std::tuple<std::string, int, std::string>> rows{
+      {"--version", 0, "brisola-audio-service 0.1.0\n"},
+      {"--bogus", 64, ""},
+      {"", 1,
+       "Fatal error: Could not find executable helper 'brisola-monitor'. Build helpers with "
+       "scripts/build-service.sh."},
+  };
+  environment_.erase("BRISOLA_HELPER_DIR");
+  for (const auto& [argument, status, start] : rows) {
+    auto result = testing::runToCompletion(
+        dir_ / "bin" / "brisola-audio-service",
+        argument.empty() ? std::vector<std::string>{} : std::vector{argument}, environment({}),
+        dir_.path());
+    EXPECT_EQ(result.status, status) << argument;
+    // The start of what is said, or for the missing helper every line of it.
+    const auto said = argument.empty() ? ::testing::PrintToString(messages(result.out))
+                                       : result.out.substr(0, start.size());
+    EXPECT_EQ(said, argument.empty() ? ::testing::PrintToString(std::vector{start}) : start);
+  }
   EXPECT_FALSE(fs::exists(dir_ / "config.json")) << "the document was touched";
 }
 
@@ -245,58 +241,7 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
   return testing::eventually(condition, limit, 20ms);
 }
 
-// Another local user truncates and removes the control block again and again while the service
-// publishes every 10 ms and brisolactl reads it: neither is killed, and the block is whole again
-// once the storm is over.
-TEST_F(ServiceProcess, ControlBlockTruncationStormKillsNeitherServiceNorReaders) {
-  writeDocument(studioDocument());
-  auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.01"}});
-  ASSERT_TRUE(service->waitForOutput("Starting Brisola audio service", 5s));
-  std::atomic<bool> stop{false};
-  std::thread storm([&] {
-    std::minstd_rand random(11);
-    for (long n = 0; !stop; ++n) {
-      if (n % 100 == 0) ::shm_unlink("/brisolaruntime3");
-      UniqueFd fd(::shm_open("/brisolaruntime3", O_RDWR | O_CLOEXEC, 0));
-      if (fd) static_cast<void>(::ftruncate(fd.get(), static_cast<off_t>(random() % 65537)));
-    }
-  });
-  const auto ctl = testing::buildDirectory() / "tools" / "brisolactl";
-  auto controls = [&] {
-    return testing::runToCompletion(ctl, {"controls"}, environment({}), dir_.path());
-  };
-  for (int n = 0; n < 30; ++n) {
-    const auto reader = controls();
-    EXPECT_TRUE(reader.status >= 0 && reader.status <= 2) << reader.status << reader.err;
-  }
-  stop = true;
-  storm.join();
-  EXPECT_TRUE(eventually([&] { return controls().out.find("\"V1\"") != std::string::npos; }));
-  service->signal(SIGTERM);
-  EXPECT_EQ(service->waitFor(10s), 0) << service->standardOutput();
-}
-
-// A /dev/shm too small for the block (a private one, in a mount namespace of its own): every
-// cycle fails with a line that says why, and the service goes on.
-TEST_F(ServiceProcess, FullSharedMemoryFailsTheCycleNotTheService) {
-  if (testing::runToCompletion("/usr/bin/unshare", {"-m", "true"}, {}, dir_.path()).status != 0) {
-    GTEST_SKIP() << "no mount namespaces here";
-  }
-  writeDocument(studioDocument());
-  RunningProcess service(
-      "/usr/bin/unshare",
-      {"-m", "sh", "-c", "mount -t tmpfs -o size=32k tmpfs /dev/shm && exec \"$0\"",
-       servicePath().string()},
-      environment({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}}), dir_.path(), dir_.path());
-  const std::string line =
-      "Reconcile failed: Could not write Brisola runtime shared memory: errno 28 (No space left "
-      "on device).";
-  EXPECT_TRUE(service.waitForOutput(line, 10s, 3)) << service.standardOutput();
-  service.signal(SIGTERM);
-  EXPECT_EQ(service.waitFor(10s), 0);
-}
-
-TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {
+TEST_F(ServiceProcess, HelpersFollowTheDocumentAndTheirOwnExits) {
   writeDocument(studioDocument());
   auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
   fs::path records = dir_ / "records";
@@ -317,8 +262,7 @@ TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {
   for (const auto& [pid, variables] : initial) {
     (variables.find("BRISOLA_MONITOR_ID=m1") != std::string::npos ? monitorPid : hardwarePid) = pid;
   }
-  ASSERT_NE(monitorPid, 0);
-  ASSERT_NE(hardwarePid, 0);
+  ASSERT_TRUE(monitorPid != 0 && hardwarePid != 0);
   EXPECT_THAT(initial[hardwarePid], HasSubstr("BRISOLA_SOURCE_ROUTES=1:1,2:2\n"));
 
   // A gain edit restarts exactly the monitor helper, with the new value.
@@ -344,7 +288,6 @@ TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {
   const timespec times[] = {written.st_atim, written.st_mtim};
   ASSERT_EQ(::utimensat(AT_FDCWD, (dir_ / "config.json").c_str(), times, 0), 0);
   ASSERT_TRUE(eventually([&] { return monitorWithGain("0.9") != 0; }));
-  const pid_t newMonitor = monitorWithGain("0.9");
 
   // A helper that dies is restarted (after its back-off of 2 s).
   ::kill(hardwarePid, SIGKILL);
@@ -352,14 +295,6 @@ TEST_F(ServiceProcess, HelpersFollowTheDocumentTheHardwareAndTheirOwnExits) {
   EXPECT_TRUE(
       service->waitForOutput("hardware input 'Mic' (Studio) was ended by signal 9 (SIGKILL)", 5s));
   ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 6; }, 10s));
-
-  // Unplugging the monitor's output device stops its helper; plugging it back starts one.
-  writeFile(dir_ / "hardware.json",
-            R"({"devices":[{"objectID":41,"uid":"BuiltInMic","name":"Mic","inputStreams":[2]}]})");
-  ASSERT_TRUE(eventually([&] { return !alive(newMonitor); }));
-  EXPECT_TRUE(service->waitForOutput("configuration removed route", 5s));
-  writeFile(dir_ / "hardware.json", hardwareFile);
-  ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 7; }));
 
   // SIGTERM ends every helper (plain shell scripts without handlers) and the service.
   auto all = recordedHelpers(records);

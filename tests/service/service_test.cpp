@@ -11,7 +11,7 @@
 #include "service/route_planner.hpp"
 #include "service/service_settings.hpp"
 #include "support/documents.hpp"
-#include "support/idle_helpers.hpp"
+#include "support/fake_helpers.hpp"
 #include "support/system_helpers.hpp"
 #include "support/temp_dir.hpp"
 #include "support/thrown.hpp"
@@ -27,12 +27,12 @@ using testing::sourceOf;
 using testing::wire;
 
 TEST(ServiceSettings, VariablesFillTheirFieldsAndOnlyTheFourWordsInAnyCaseAreTruthy) {
-  for (const char* yes : {"1", "true", "TRUE", "Yes", "ON", "on"}) {
-    EXPECT_TRUE(Settings::isTruthy(std::string(yes))) << yes;
+  std::string truthy;
+  for (const char* text : {"1", "true", "TRUE", "Yes", "ON", "0", "false", "no", "off", "y", "",
+                           " true", "true ", "2"}) {
+    if (Settings::isTruthy(std::string(text))) truthy += std::string(text) + "|";
   }
-  for (const char* no : {"0", "false", "no", "off", "y", "", " true", "true ", "2"}) {
-    EXPECT_FALSE(Settings::isTruthy(std::string(no))) << '"' << no << '"';
-  }
+  EXPECT_EQ(truthy, "1|true|TRUE|Yes|ON|");
   EXPECT_FALSE(Settings::isTruthy(std::nullopt));
   EXPECT_EQ(Settings::read({{"BRISOLA_CONFIG_PATH", "c.json"},
                             {"BRISOLA_SERVICE_POLL_SECONDS", "0.5"},
@@ -257,7 +257,7 @@ TEST(ServiceCycle, AReusedPlanFollowsTheDocumentTheDevicesAndFailedCyclesAndStil
   const AudioDeviceInventory plugged{.inputs = {{.uid = "V2"}}, .outputs = {{.uid = "Speakers"}}};
   AudioDeviceInventory inventory = plugged;
   bool publishFails = false;
-  testing::IdleLauncher launcher;
+  testing::FakeLauncher launcher;
   ServicePorts ports{.publish =
                          [&](const ConfigSnapshot&) {
                            if (publishFails) throw std::runtime_error("gone");

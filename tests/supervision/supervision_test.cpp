@@ -16,7 +16,6 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -24,7 +23,7 @@
 
 #include "brisola/platform/unique_fd.hpp"
 #include "common/service_log.hpp"
-#include "supervision/route_supervisor.hpp"
+#include "support/fake_helpers.hpp"
 #include "support/system_helpers.hpp"
 
 namespace brisola {
@@ -33,6 +32,8 @@ namespace {
 using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 using testing::eventually;
+using testing::FakeLauncher;
+using testing::FakeProcessState;
 using testing::readFile;
 using testing::TempDir;
 
@@ -46,52 +47,6 @@ class FakeClock final : public Clock {
 
  private:
   time_point now_{};
-};
-
-// What the test sees of one fake helper; shared with its handle.
-struct FakeProcessState {
-  pid_t pid = 0;
-  std::filesystem::path executable;
-  bool running = true, endsOnTerminate = true, handleAlive = true;
-  int status = 0, terminateRequests = 0, killRequests = 0;
-  void exit(int code) { running = false, status = code; }
-};
-
-class FakeChildProcess final : public ChildProcess {
- public:
-  explicit FakeChildProcess(std::shared_ptr<FakeProcessState> state) : s_(std::move(state)) {}
-  ~FakeChildProcess() override { s_->handleAlive = false; }
-  pid_t pid() const override { return s_->pid; }
-  bool isRunning() override { return s_->running; }
-  int terminationStatus() const override { return s_->status; }
-  void terminate() override {
-    if (++s_->terminateRequests, s_->running && s_->endsOnTerminate) s_->exit(SIGTERM);
-  }
-  void kill() override {
-    if (++s_->killRequests, s_->running) s_->exit(SIGKILL);
-  }
-
- private:
-  std::shared_ptr<FakeProcessState> s_;
-};
-
-// Records every launch; fails them all while `failure` holds a description.
-class FakeLauncher final : public ProcessLauncher {
- public:
-  LaunchResult launch(const std::filesystem::path& executable, const EnvironmentMap&) override {
-    ++attempts;
-    if (failure) return LaunchError{*failure};
-    launches.push_back(std::make_shared<FakeProcessState>(
-        FakeProcessState{.pid = static_cast<pid_t>(1000 + launches.size()),
-                         .executable = executable,
-                         .endsOnTerminate = helpersEndOnTerminate}));
-    return std::make_unique<FakeChildProcess>(launches.back());
-  }
-
-  std::optional<std::string> failure;
-  bool helpersEndOnTerminate = true;
-  int attempts = 0;
-  std::vector<std::shared_ptr<FakeProcessState>> launches;
 };
 
 DesiredRoute makeRoute(std::string key, std::string summary, EnvironmentMap environment) {

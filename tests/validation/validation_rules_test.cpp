@@ -11,7 +11,6 @@
 
 #include "brisola/validation/validation.hpp"
 #include "support/documents.hpp"
-#include "validation/canonical_key_index.hpp"
 
 namespace brisola {
 
@@ -212,8 +211,11 @@ TEST(ValidationRules, CanonicallyEquivalentIdentifiersAreEqual) {
   const std::string precomposed = "caf\u00E9", decomposed = "cafe\u0301";
 
   DeviceConfig first = stereoDevice(precomposed, "First");
-  // The Kelvin sign is canonically equivalent to "K"; case and surrounding space still count.
-  for (auto id : {"\u212A", "K", "k", " K"}) first.sources.push_back(testing::passThruSource(id));
+  // The Kelvin sign is canonically equivalent to "K"; case, surrounding space and compatibility
+  // forms (the ligature "fi") still count.
+  for (auto id : {"\u212A", "K", "k", " K", "fi", "\uFB01"}) {
+    first.sources.push_back(testing::passThruSource(id));
+  }
   first.monitors = {testing::monitor(decomposed, "Out")};
   first.wires.push_back(
       wire("via-decomposed", sourceEnd(first.id + "-pt", 1), outputEnd(decomposed, 1)));
@@ -338,37 +340,6 @@ TEST(NestedDeviceGraph, LongChainsNeedNoCallStack) {
       brief(validated(chain).errors),
       (std::vector<std::string>{"device.emptyName devices[9999].name",
                                 "source.emptyName devices[9999].sources[10].name", cycle("d0")}));
-}
-
-TEST(CanonicalKeyIndex, FirstOfEquivalentIdentifiersWinsAndResetForgets) {
-  CanonicalKeyIndex<int> index;
-  index.reset(4);
-  EXPECT_EQ(index.insert("K", 1), std::make_pair(1, true));
-  EXPECT_EQ(index.insert("\u212A", 2), std::make_pair(1, false));  // Kelvin sign
-  // A normalised key is owned by the index, not by the caller's text, here a temporary.
-  EXPECT_EQ(index.insert(std::string("cafe\u0301"), 3), std::make_pair(3, true));
-  EXPECT_EQ(index.insert("caf\u00E9", 4), std::make_pair(3, false));
-  EXPECT_EQ(index.insert("", 5), std::make_pair(5, true));
-  EXPECT_EQ(index.insert("k", 6), std::make_pair(6, true));
-  EXPECT_EQ(index.size(), 4u);
-
-  // The value found, or -1 for none.
-  const auto found = [&](std::string_view key) { return index.find(key) ? *index.find(key) : -1; };
-  EXPECT_EQ(
-      std::vector({found("\u212A"), found("cafe\u0301"), found(""), found(" K"), found("caf")}),
-      std::vector({1, 3, 5, -1, -1}));
-
-  // Reset forgets, and more keys than announced still fit. Keys that need no normalising stay
-  // the caller's: the texts outlive the index.
-  std::vector<std::string> ids;
-  for (int i = 0; i < 1000; ++i) ids.push_back("id-" + std::to_string(i));
-  index.reset(3);
-  EXPECT_EQ(index.find("K"), nullptr);
-  for (int i = 0; i < 1000; ++i) ASSERT_TRUE(index.insert(ids[i], i).second) << i;
-  for (int i = 0; i < 1000; ++i) EXPECT_EQ(found(ids[i]), i);
-  index.reset(1);
-  EXPECT_EQ(std::pair(index.size(), found("id-7")), std::pair(std::size_t{0}, -1));
-  EXPECT_EQ(CanonicalKeyIndex<int>{}.find("a"), nullptr);  // never reset
 }
 
 }  // namespace
