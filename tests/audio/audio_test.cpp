@@ -28,9 +28,7 @@ TEST(NewestValue, TheAudioThreadNeverSeesATornOrAnOlderValue) {
       latest.write(value);
     }
   });
-  std::uint64_t last = 0;
-  std::uint64_t torn = 0;
-  std::uint64_t backwards = 0;
+  std::uint64_t last = 0, torn = 0, backwards = 0;
   while (last < writes) {
     const Value& value = latest.read();
     for (auto copy : value.copies) torn += copy != value.sequence;
@@ -70,8 +68,7 @@ TEST(GainStage, RoutesGainsAndTheAddedSignalMeetAsWritten) {
   const float left[] = {1.0f, -1.0f};
   const float right[] = {4.0f, 8.0f};
   const float extra[] = {0.5f, 0.5f};
-  float out0[2];
-  float out1[2];
+  float out0[2], out1[2];
   const float* in[] = {left, right};
   const float* add[] = {extra, nullptr};  // a port without a buffer is silence
   float* out[] = {out0, out1};

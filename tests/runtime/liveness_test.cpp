@@ -178,19 +178,15 @@ using namespace std::chrono_literals;
 // Whole seconds, so any file system keeps the time exactly.
 const Clock::time_point beatTime = Clock::time_point(1'700'000'000s);
 
-class FixedDirectories : public FileManagerWrapper {
- public:
-  FixedDirectories(std::vector<fs::path> directories)
-      : FileManagerWrapper(FileManager::defaultManager()), directories_(std::move(directories)) {}
-  std::vector<fs::path> applicationSupportDirectories() const override { return directories_; }
-
- private:
-  std::vector<fs::path> directories_;
+struct FixedDirectories : FileManagerWrapper {
+  std::vector<fs::path> directories;
+  FixedDirectories(std::vector<fs::path> list)
+      : FileManagerWrapper(FileManager::defaultManager()), directories(std::move(list)) {}
+  std::vector<fs::path> applicationSupportDirectories() const override { return directories; }
 };
 
 // Fails every step, recording the calls.
-class BrokenFiles : public FixedDirectories {
- public:
+struct BrokenFiles : FixedDirectories {
   BrokenFiles() : FixedDirectories({}) {}
   mutable std::vector<std::string> calls;
   bool fileExists(const fs::path&) const override { return calls.push_back("exists"), false; }
@@ -202,8 +198,6 @@ class BrokenFiles : public FixedDirectories {
   std::optional<Clock::time_point> modificationDate(const fs::path&) const override {
     fail("read date");
   }
-
- private:
   [[noreturn]] void fail(std::string call) const {
     calls.push_back(std::move(call));
     throw fs::filesystem_error("refused", std::make_error_code(std::errc::permission_denied));

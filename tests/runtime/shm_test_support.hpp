@@ -98,11 +98,8 @@ struct MeterImage {
   std::vector<float> peaks;
 
   void writeTo(ShmObject& object) const {
-    object.setU32(0, magic);
-    object.setU32(4, version);
-    object.setU32(8, size);
-    object.setU32(12, sequence);
-    object.setU32(16, channelCount);
+    const std::uint32_t header[] = {magic, version, size, sequence, channelCount};
+    for (std::size_t k = 0; k < 5; ++k) object.setU32(4 * k, header[k]);
     for (std::size_t k = 0; k < levels.size(); ++k) object.setF32(20 + 4 * k, levels[k]);
     for (std::size_t k = 0; k < peaks.size(); ++k) object.setF32(276 + 4 * k, peaks[k]);
   }
@@ -110,14 +107,11 @@ struct MeterImage {
 
 // A record built through the constructor with every field distinct per `seed`, texts that fit
 // their fields and routes without zero channels, so it survives a write and a read unchanged.
-inline RuntimeDeviceControls sampleControls(int seed, std::size_t routeCount = 3) {
+inline RuntimeDeviceControls sampleControls(int seed, std::int64_t routeCount = 3) {
   std::vector<float> gains;
   for (int k = 0; k < 64; ++k) gains.push_back(static_cast<float>((seed * 7 + k) % 20) / 10.0f);
   std::vector<RuntimeChannelRoute> routes;
-  for (std::size_t j = 0; j < routeCount; ++j) {
-    routes.push_back(
-        {static_cast<std::int64_t>(j % 5) + 1 + seed, static_cast<std::int64_t>(j % 3) + 1});
-  }
+  for (std::int64_t j = 0; j < routeCount; ++j) routes.push_back({j % 5 + 1 + seed, j % 3 + 1});
   std::string tag = std::to_string(seed);
   return RuntimeDeviceControls("app.brisola.device." + tag, "Device " + tag + " — Ünï",
                                seed % 2 == 0 ? "mic" : "waveform.circle", 2 + 2 * (seed % 32),
@@ -126,8 +120,9 @@ inline RuntimeDeviceControls sampleControls(int seed, std::size_t routeCount = 3
                                routes);
 }
 
-// Runs write(0), write(1), ... on another thread while this one reads for half a second:
-// every state the reader accepts must be one of the two written, and some must be accepted.
+// Runs write(0), write(1), ... on another thread while this one reads for half a second, and
+// longer (up to half a minute) until it has accepted ten states, as a loaded machine or a
+// sanitizer may slow it: every state accepted must be one of the two written.
 template <class Write, class Read, class State>
 void expectNoTornReads(Write write, Read read, const State& first, const State& second) {
   std::atomic<bool> stop{false};
@@ -141,8 +136,10 @@ void expectNoTornReads(Write write, Read read, const State& first, const State& 
     }
   });
   long accepted = 0;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
-  while (std::chrono::steady_clock::now() < deadline) {
+  const auto start = std::chrono::steady_clock::now();
+  for (auto now = start; now < start + std::chrono::seconds(30) &&
+                         (now < start + std::chrono::milliseconds(500) || accepted < 10);
+       now = std::chrono::steady_clock::now()) {
     const auto state = read();
     if (!state) continue;
     ++accepted;
@@ -153,7 +150,7 @@ void expectNoTornReads(Write write, Read read, const State& first, const State& 
   }
   stop = true;
   writer.join();
-  EXPECT_GT(accepted, 0);
+  EXPECT_GE(accepted, 10);
 }
 
 }  // namespace brisola::testing
