@@ -27,25 +27,6 @@ using testing::writeFile;
 using Registry = CoreAudioDeviceRegistry;
 using Json = nlohmann::json;
 
-// Ordering by name follows ICU's default locale, which comes from the environment (LANG,
-// LC_ALL; "C" gives en_US_POSIX). Tests that check an order fix the locale for their duration.
-class FixedICULocale {
- public:
-  explicit FixedICULocale(const char* name) : previous_(icu::Locale::getDefault()) {
-    UErrorCode status = U_ZERO_ERROR;
-    icu::Locale::setDefault(icu::Locale(name), status);
-  }
-  ~FixedICULocale() {
-    UErrorCode status = U_ZERO_ERROR;
-    icu::Locale::setDefault(previous_, status);
-  }
-  FixedICULocale(const FixedICULocale&) = delete;
-  FixedICULocale& operator=(const FixedICULocale&) = delete;
-
- private:
-  icu::Locale previous_;
-};
-
 constexpr auto kInput = kAudioObjectPropertyScopeInput;
 constexpr AudioObjectID kSystem = kAudioObjectSystemObject;
 
@@ -67,9 +48,17 @@ void expectNothing(const Layer&... layer) {
   EXPECT_THAT(Registry::applicationSourceCandidates(layer...), IsEmpty());
 }
 
+// Ordering by name follows ICU's default locale, which comes from the environment (LANG,
+// LC_ALL; "C" gives en_US_POSIX): the tests fix it for their duration.
 class RegistryTest : public ::testing::Test {
  protected:
-  FixedICULocale locale_{"en_US"};
+  RegistryTest() { setLocale(icu::Locale("en_US")); }
+  ~RegistryTest() override { setLocale(previous_); }
+  static void setLocale(const icu::Locale& locale) {
+    UErrorCode status = U_ZERO_ERROR;
+    icu::Locale::setDefault(locale, status);
+  }
+  icu::Locale previous_ = icu::Locale::getDefault();
 };
 
 TEST_F(RegistryTest, NoDevicesOrProcessesGiveEmptyAnswersWhetherListedOrUnreadable) {
@@ -78,7 +67,6 @@ TEST_F(RegistryTest, NoDevicesOrProcessesGiveEmptyAnswersWhetherListedOrUnreadab
     TestHardware hardware("{" + lists + R"("applications": [{"pid": 1, "localizedName": "A",
                                                 "activationPolicy": "regular"}]})");
     expectNothing(hardware);
-    EXPECT_FALSE(Registry::containsDevice(hardware, ""));
   }
 }
 
@@ -89,17 +77,15 @@ TEST_F(RegistryTest, DeviceListIsReadInWholeIDsOfTheReportedSizeAndKeptInLayerOr
   EXPECT_THAT(Registry::allDeviceUIDs(hardware), ElementsAre("uid-9", "uid-3", "uid-7"));
   // A size that is not a multiple of four reads the whole IDs it holds; below one ID's size,
   // or when the read fails after the size, there is no list.
-  const AudioObjectPropertyAddress list{.mSelector = kAudioHardwarePropertyDevices};
-  auto bytes = bytesOf(std::vector<AudioObjectID>{9, 3});
-  bytes.resize(6);
-  hardware.set(kSystem, list, {.bytes = bytes});
-  EXPECT_THAT(Registry::allDeviceUIDs(hardware), ElementsAre("uid-9"));
-  bytes.resize(3);
-  hardware.set(kSystem, list, {.bytes = bytes});
-  EXPECT_THAT(Registry::allDeviceUIDs(hardware), IsEmpty());
-  hardware.set(kSystem, list,
-               {.status = kAudioHardwareBadObjectError, .bytes = bytesOf<AudioObjectID>({9})});
-  EXPECT_THAT(Registry::allDeviceUIDs(hardware), IsEmpty());
+  const auto ids = bytesOf<AudioObjectID>({9, 3});
+  for (const auto& [answer, expected] :
+       std::vector<std::pair<TestHardware::Answer, std::vector<std::string>>>{
+           {{.bytes = {ids.begin(), ids.begin() + 6}}, {"uid-9"}},
+           {{.bytes = {ids.begin(), ids.begin() + 3}}, {}},
+           {{.status = kAudioHardwareBadObjectError, .bytes = ids}, {}}}) {
+    hardware.set(kSystem, {.mSelector = kAudioHardwarePropertyDevices}, answer);
+    EXPECT_EQ(Registry::allDeviceUIDs(hardware), expected);
+  }
 }
 
 TEST_F(RegistryTest, UnreadableOrNullUIDOrNameLeavesTheDeviceOutWhereItIsNeeded) {
@@ -171,6 +157,9 @@ TEST_F(RegistryTest, ChannelCountIsTheSumOverTheBuffersThatLieInsideTheLayout) {
       {"count beyond the data", "", 4, TestHardware::Answer{.bytes = claimingThreeBuffers}},
       {"read fails after the size", "", 0,
        TestHardware::Answer{.status = kAudioHardwareBadPropertySizeError, .bytes = twoOneThree}},
+      // A hostile file used to make the registry name 2^32 channels (and loop for ever).
+      {"absurd counts", R"(, "inputStreams": [4294967295, 4294967295])",
+       Registry::maximumChannelCount},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);
@@ -183,14 +172,6 @@ TEST_F(RegistryTest, ChannelCountIsTheSumOverTheBuffersThatLieInsideTheLayout) {
     EXPECT_THAT(Registry::brisolaDeviceSummaries(hardware),
                 ElementsAre(HALDeviceSummary{"app.brisola.device.x", "X", row.expected, 2}));
   }
-}
-
-// A hostile file used to make the registry name 2^32 channels (and loop for ever at the top).
-TEST_F(RegistryTest, AbsurdChannelCountsAreBounded) {
-  TestHardware hardware(R"({"devices": [{"objectID": 41, "uid": "Huge", "name": "Huge",
-      "inputStreams": [4294967295, 4294967295], "inputChannelNames": ["A"]}]})");
-  EXPECT_EQ(Registry::deviceInventory(hardware).inputs.at(0).channelCount,
-            Registry::maximumChannelCount);
 }
 
 TEST_F(RegistryTest, InventoryPutsTheDefaultFirstThenFileBrowserOrderStably) {
@@ -210,7 +191,6 @@ TEST_F(RegistryTest, InventoryPutsTheDefaultFirstThenFileBrowserOrderStably) {
   // A device that is the default on one side only is default on that side only.
   EXPECT_EQ(inventory.inputs[0], (AudioDeviceInfo{"d", "Speakers", 2, true, std::nullopt}));
   EXPECT_EQ(inventory.outputs[2], (AudioDeviceInfo{"d", "Speakers", 2, false, std::nullopt}));
-  EXPECT_TRUE(inventory.outputs[0].isDefault);
 
   // A default that is the unknown object, or that cannot be read, marks no device.
   hardware.set(kSystem, {kAudioHardwarePropertyDefaultOutputDevice}, {.bytes = bytesOf<int>({0})})
@@ -235,7 +215,6 @@ TEST_F(RegistryTest, ProductDevicesAreSummarisedWithZeroChannelsAndListedOnlyWhe
   auto inventory = Registry::deviceInventory(hardware);
   EXPECT_THAT(names(inventory.inputs), ElementsAre("Brisola"));
   EXPECT_THAT(names(inventory.outputs), ElementsAre("Brisola", "Mix", "Speakers"));
-  EXPECT_TRUE(Registry::passThruDeviceIsLoaded(hardware));
 }
 
 TEST_F(RegistryTest, SummariesSortByUnicodeScalarValueAndStably) {
@@ -257,8 +236,6 @@ TEST_F(RegistryTest, EqualKeysKeepTheirListOrderHoweverLongTheList) {
   // group differ only in case; UIDs of one group are equal.
   constexpr std::uint32_t count = 48;
   const char* const groups[3][2] = {{"Zulu", "zulu"}, {"Alpha", "ALPHA"}, {"Mid", "mid"}};
-  const char* const groupUIDs[3] = {"app.brisola.device.z", "app.brisola.device.a",
-                                    "app.brisola.device.m"};
   auto groupOf = [](std::uint32_t i) { return (i * 5 + i / 7) % 3; };
   Json file{
       {"devices", Json::array()}, {"processes", Json::array()}, {"applications", Json::array()}};
@@ -266,7 +243,7 @@ TEST_F(RegistryTest, EqualKeysKeepTheirListOrderHoweverLongTheList) {
     const char* name = groups[groupOf(i)][i % 2];
     const std::uint32_t device = 200 + (i * 7) % count;  // list order differs from ID order
     file["devices"].push_back({{"objectID", device},
-                               {"uid", groupUIDs[groupOf(i)]},
+                               {"uid", "app.brisola.device." + std::string(groups[groupOf(i)][0])},
                                {"name", name},
                                {"outputStreams", Json::array({2})}});
     file["processes"].push_back(
@@ -306,7 +283,6 @@ TEST(RegistryUIDTest, ProductUIDsAreThePassThruAndThePrefixedOnes) {
 }
 
 TEST_F(RegistryTest, PlugInIsLoadedOnlyWhenItsBundleIDTranslatesToAnObject) {
-  EXPECT_FALSE(Registry::halPlugInIsLoaded(TestHardware("{}")));
   // The plug-in list, whether translating fails, and the answer.
   for (const auto& [plugIns, translationFails, expected] :
        std::vector<std::tuple<std::string, bool, bool>>{
@@ -353,10 +329,7 @@ TEST_F(RegistryTest, OnlyOrdinaryApplicationsWithABundleIDAreCandidates) {
   const std::vector<std::pair<Process, bool>> rows{
       {{4242, "com.example.sketchpad", "Sketchpad"}, true},
       {{1, "com.example.s", "SKETCHPAD HELPER"}, false},
-      {{1, "com.example.u",
-        "\xC3\x9C"
-        "BER AGENT"},
-       false},  // lower-cased beyond ASCII
+      {{1, "com.example.u", "\u00DCBER AGENT"}, false},  // lower-cased beyond ASCII
       {{1, "com.example.s", "Mail ServiceExtension"}, false},
       {{1, "com.example.h", "Helperbot"}, true},
       {{1, "com.example.tool", "Speaker Daemonstration Tool"}, false},
@@ -391,7 +364,6 @@ TEST_F(RegistryTest, CandidatesCarryTheirIdentityAndSortInFileBrowserOrderWithou
   std::vector<std::string> shown;
   for (const auto& candidate : candidates) shown.push_back(candidate.displayName);
   EXPECT_THAT(shown, ElementsAre("Alpha 2", "alpha 2", "Alpha 10", "zeta"));
-  EXPECT_EQ(candidates[1].pid, 13);
 }
 
 constexpr const char* kVariable = "BRISOLA_HARDWARE_SIMULATION";
@@ -404,9 +376,8 @@ void replaceFile(const std::filesystem::path& path, std::string_view bytes) {
   std::filesystem::rename(temporary, path);
 }
 
-class SimulatedHardwareTest : public ::testing::Test {
+class SimulatedHardwareTest : public RegistryTest {
  protected:
-  FixedICULocale locale_{"en_US"};
   TempDir dir_;
   std::filesystem::path file_ = dir_ / "hardware.json";
 };
@@ -443,14 +414,12 @@ TEST_F(SimulatedHardwareTest, TheEnvironmentNamesTheFileAndEveryCallReadsItAfres
   EXPECT_EQ(Registry::deviceInventory(), Registry::deviceInventory(*layer));
   EXPECT_EQ(Registry::brisolaDeviceSummaries().size(), 1u);
   EXPECT_EQ(Registry::applicationSourceCandidates().size(), 1u);
-  EXPECT_FALSE(Registry::passThruDeviceIsLoaded());
-  EXPECT_FALSE(Registry::halPlugInIsLoaded());
+  EXPECT_FALSE(Registry::passThruDeviceIsLoaded() || Registry::halPlugInIsLoaded());
 
   // The driver is loaded and the other devices unplugged: the next call sees it.
   replaceFile(file_, R"({"devices": [{"objectID": 41, "uid": "dev.kestrine.pass-thru"}],
                         "plugIns": {"app.brisola.hal": 7}})");
-  EXPECT_TRUE(Registry::passThruDeviceIsLoaded());
-  EXPECT_TRUE(Registry::halPlugInIsLoaded());
+  EXPECT_TRUE(Registry::passThruDeviceIsLoaded() && Registry::halPlugInIsLoaded());
   EXPECT_THAT(Registry::applicationSourceCandidates(), IsEmpty());
 }
 
@@ -474,8 +443,7 @@ TEST_F(SimulatedHardwareTest, OneSnapshotIsOneReadAndKeepsItsViewWhileTheFileCha
   replaceFile(file_, R"({"devices": [{"objectID": 41, "uid": "New", "name": "New",
                                       "outputStreams": [2]}]})");
 
-  EXPECT_THAT(Registry::deviceInventory(*before).outputs,
-              ElementsAre(::testing::Field(&AudioDeviceInfo::name, "Old")));
+  EXPECT_THAT(names(Registry::deviceInventory(*before).outputs), ElementsAre("Old"));
   EXPECT_THAT(Registry::allDeviceUIDs(*before), ElementsAre("Old"));
   EXPECT_EQ(files->reads, 1);
   EXPECT_THAT(Registry::allDeviceUIDs(*backend->snapshot()), ElementsAre("New"));

@@ -42,8 +42,6 @@ TEST(PosixFileManager, WritingFlushesWholeFilesAndDescriptorsAreCloseOnExec) {
 
   manager->write(dir / "a.txt", "short");  // truncates
   EXPECT_EQ(manager->contents(dir / "a.txt"), "short");
-  EXPECT_THROW(manager->contents(dir / "missing"), fs::filesystem_error);
-  EXPECT_THROW(manager->contents(dir.path()), fs::filesystem_error);
   manager->contentsOfDirectory(dir.path());
   EXPECT_EQ(testing::openDescriptorCount(), before) << "a descriptor leaked";
 }

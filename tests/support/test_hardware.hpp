@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -14,7 +13,7 @@
 #include <vector>
 
 #include "brisola/devices/hardware_layer.hpp"
-#include "brisola/platform/file_manager.hpp"
+#include "support/temp_dir.hpp"
 
 namespace brisola::testing {
 
@@ -28,29 +27,23 @@ std::vector<std::byte> bytesOf(const std::vector<T>& values) {
 class TestHardware final : public HardwareLayer {
  public:
   // What a replaced property answers. Its size query always succeeds with the size of `bytes`;
-  // a string query gives `status` and no string.
+  // its data query gives `status` with the bytes that fit, even when it fails, so a reader that
+  // ignores the status is seen; a string query gives `status` and no string.
   struct Answer {
     OSStatus status = kAudioHardwareNoError;
     std::vector<std::byte> bytes;
   };
 
-  explicit TestHardware(std::string json) {
-    class TextFile final : public FileManagerWrapper {
-     public:
-      explicit TextFile(std::string text)
-          : FileManagerWrapper(FileManager::defaultManager()), text_(std::move(text)) {}
-      std::string contents(const std::filesystem::path&) const override { return text_; }
-
-     private:
-      std::string text_;
-    };
-    simulated_ =
-        HardwareBackend::simulated("test.json", std::make_shared<TextFile>(json))->snapshot();
+  explicit TestHardware(const std::string& json) {
+    TempDir dir;
+    writeFile(dir / "hardware.json", json);
+    simulated_ = HardwareBackend::simulated(dir / "hardware.json")->snapshot();
     if (auto reason = simulated_->unavailableReason()) throw std::invalid_argument(*reason);
   }
 
+  // The latest answer set for a property is the one given.
   TestHardware& set(AudioObjectID object, AudioObjectPropertyAddress address, Answer answer) {
-    answers_[key(object, address)] = std::move(answer);
+    answers_.insert(answers_.begin(), {object, address, std::move(answer)});
     return *this;
   }
 
@@ -71,9 +64,7 @@ class TestHardware final : public HardwareLayer {
     const Answer* answer = find(object, address);
     if (answer == nullptr)
       return simulated_->getPropertyData(object, address, qualifier, size, data);
-    size = answer->status != kAudioHardwareNoError
-               ? 0
-               : std::min(size, static_cast<std::uint32_t>(answer->bytes.size()));
+    size = std::min(size, static_cast<std::uint32_t>(answer->bytes.size()));
     if (size > 0) std::memcpy(data, answer->bytes.data(), size);
     return answer->status;
   }
@@ -88,18 +79,15 @@ class TestHardware final : public HardwareLayer {
   }
 
  private:
-  using Key = std::tuple<AudioObjectID, AudioObjectPropertySelector, AudioObjectPropertyScope,
-                         AudioObjectPropertyElement>;
-  static Key key(AudioObjectID object, const AudioObjectPropertyAddress& address) {
-    return {object, address.mSelector, address.mScope, address.mElement};
-  }
   const Answer* find(AudioObjectID object, const AudioObjectPropertyAddress& address) const {
-    auto found = answers_.find(key(object, address));
-    return found == answers_.end() ? nullptr : &found->second;
+    for (const auto& [setObject, setAddress, answer] : answers_) {
+      if (setObject == object && setAddress == address) return &answer;
+    }
+    return nullptr;
   }
 
   std::unique_ptr<HardwareLayer> simulated_;
-  std::map<Key, Answer> answers_;
+  std::vector<std::tuple<AudioObjectID, AudioObjectPropertyAddress, Answer>> answers_;
 };
 
 }  // namespace brisola::testing
