@@ -3,15 +3,12 @@
 
 #include <cstdint>
 
-#include <functional>
-
 #include "editing/edit_expectations.hpp"
 #include "support/documents.hpp"
 
 namespace brisola {
 namespace {
 
-using testing::expectRejected;
 using testing::monitorEnd;
 using testing::outputEnd;
 using testing::sourceEnd;
@@ -91,7 +88,7 @@ TEST(BenchmarkDevice, ChecksRunInOrderAndTheFirstFailureDecides) {
   document.devices.push_back(testing::stereoDevice(kDevice, "Old benchmark"));
   for (const auto& [r, reason] : rows) {
     SCOPED_TRACE(reason);
-    expectRejected(
+    testing::expectRejected(
         document,
         [&](ConfigSnapshot& d) {
           r.monitorUID
@@ -122,8 +119,7 @@ TEST(BenchmarkDevice, ReplacesEveryEarlierBenchmarkDeviceWithTheFixedOneAtTheEnd
                         .name = "Brisola Benchmark",
                         .enabled = true,
                         .sampleRate = 48000.0,
-                        .channelCount = 2,
-                        .uid = "app.brisola.device.brisola-benchmark-device"};
+                        .channelCount = 2};
   expected.sources = {testing::hardwareSource(kSource, "USB-Mic:1", 4)};
   expected.sources[0].name = "Desk Mic";
   expected.sources[0].metadata.inputBackend = "core";
@@ -141,14 +137,13 @@ TEST(BenchmarkDevice, ReplacesEveryEarlierBenchmarkDeviceWithTheFixedOneAtTheEnd
   EXPECT_THAT(document.devices, ::testing::ElementsAre(a, b, expected));
   EXPECT_EQ(document.ui.selectedDeviceID, kDevice);
 
-  // Running again, now without a monitor, replaces the device wholesale.
+  // Running again, now without a monitor, replaces the device wholesale; a repeat changes nothing.
   document.ui.selectedDeviceID = "b";
   DeviceConfig second = Editor::prepareHardwareInputBenchmarkDevice("in", "In", 2, 1, document);
+  EXPECT_EQ(Editor::prepareHardwareInputBenchmarkDevice("in", "In", 2, 1, document), second);
   EXPECT_THAT(document.devices, ::testing::ElementsAre(a, b, second));
   EXPECT_EQ(document.ui.selectedDeviceID, kDevice);
   EXPECT_TRUE(second.monitors.empty());
-  EXPECT_EQ(Editor::prepareHardwareInputBenchmarkDevice("in", "In", 2, 1, document), second);
-  EXPECT_EQ(document.devices.size(), 3u);
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 namespace brisola {
 namespace {
 
-using testing::expectRejected;
 using testing::outputEnd;
 using testing::sourceEnd;
 using Gains = std::optional<std::vector<double>>;
@@ -35,39 +34,34 @@ TEST(ConfigEditorRejections, MissingElementsAndAbsurdChannelCountsChangeNothing)
   document.devices.push_back(document.devices.back());
   document.devices.back().id = "big2";
   const auto huge = E::channelCountOutOfRange(std::int64_t{1} << 53);
+  const auto ghost = E::deviceNotFound("ghost");
+  const auto cycle = E::nestedDeviceCycle("nest");
   const std::pair<Edit, E> rows[] = {
       {[](auto& d) { Editor::renameDevice("Studio", "x", d); }, E::deviceNotFound("Studio")},
-      {[](auto& d) { Editor::deleteDevice("ghost", d); }, E::deviceNotFound("ghost")},
+      {[](auto& d) { Editor::deleteDevice("ghost", d); }, ghost},
       // "feed" exists, but in another device: lookups never leave the device.
       {[](auto& d) { Editor::setSourceControls("studio", "feed", true, true, 0.5, d); },
        E::sourceNotFound("feed")},
       {[](auto& d) { Editor::setSourceChannelGain("nest", "mic", 1, 0.5, d); },
        E::sourceNotFound("mic")},
       // The device is looked up first.
-      {[](auto& d) { Editor::setMonitorChannelGain("ghost", "spk", 1, 0.5, d); },
-       E::deviceNotFound("ghost")},
+      {[](auto& d) { Editor::setMonitorChannelGain("ghost", "spk", 1, 0.5, d); }, ghost},
       {[](auto& d) { Editor::setMonitorControls("nest", "spk", true, true, 0.5, d); },
        E::monitorNotFound("spk")},
-      {[](auto& d) { Editor::addSource("ghost", {}, false, d, noIds); },
-       E::deviceNotFound("ghost")},
-      {[](auto& d) { Editor::addMonitor("ghost", {}, false, d, noIds); },
-       E::deviceNotFound("ghost")},
+      {[](auto& d) { Editor::addSource("ghost", {}, false, d, noIds); }, ghost},
+      {[](auto& d) { Editor::addMonitor("ghost", {}, false, d, noIds); }, ghost},
       // Wires are looked up in the given device only.
       {[](auto& d) { Editor::deleteWire("studio", "nest-w1", d); }, E::wireNotFound("nest-w1")},
-      {[](auto& d) { Editor::deleteWire("ghost", "studio-w1", d); }, E::deviceNotFound("ghost")},
+      {[](auto& d) { Editor::deleteWire("ghost", "studio-w1", d); }, ghost},
       {[](auto& d) { Editor::deleteSource("studio", "spk", d); }, E::sourceNotFound("spk")},
       {[](auto& d) { Editor::deleteMonitor("studio", "mic", d); }, E::monitorNotFound("mic")},
-      {[](auto& d) { Editor::deleteMonitor("ghost", "spk", d); }, E::deviceNotFound("ghost")},
+      {[](auto& d) { Editor::deleteMonitor("ghost", "spk", d); }, ghost},
       // The receiving device is looked up before the nested one, and "nest" already takes in
       // "studio".
-      {[](auto& d) { Editor::addVirtualDeviceSource("ghost", "phantom", d, noIds); },
-       E::deviceNotFound("ghost")},
-      {[](auto& d) { Editor::addVirtualDeviceSource("studio", "ghost", d, noIds); },
-       E::deviceNotFound("ghost")},
-      {[](auto& d) { Editor::addVirtualDeviceSource("nest", "nest", d, noIds); },
-       E::nestedDeviceCycle("nest")},
-      {[](auto& d) { Editor::addVirtualDeviceSource("studio", "nest", d, noIds); },
-       E::nestedDeviceCycle("nest")},
+      {[](auto& d) { Editor::addVirtualDeviceSource("ghost", "phantom", d, noIds); }, ghost},
+      {[](auto& d) { Editor::addVirtualDeviceSource("studio", "ghost", d, noIds); }, ghost},
+      {[](auto& d) { Editor::addVirtualDeviceSource("nest", "nest", d, noIds); }, cycle},
+      {[](auto& d) { Editor::addVirtualDeviceSource("studio", "nest", d, noIds); }, cycle},
       {[](auto& d) { Editor::setDeviceChannelCount("studio", 4097, d); },
        E::channelCountOutOfRange(4097)},
       {[](auto& d) { Editor::setDeviceChannelGain("big", 1, 0.5, d); }, huge},
@@ -79,7 +73,7 @@ TEST(ConfigEditorRejections, MissingElementsAndAbsurdChannelCountsChangeNothing)
   };
   for (const auto& [edit, expected] : rows) {
     SCOPED_TRACE(expected.what());
-    expectRejected(document, edit, expected);
+    testing::expectRejected(document, edit, expected);
   }
   // The largest count is built; unwired, a new element builds nothing for its channels.
   Editor::setDeviceChannelCount("studio", 4096, document);
@@ -89,25 +83,12 @@ TEST(ConfigEditorRejections, MissingElementsAndAbsurdChannelCountsChangeNothing)
             5000);
 }
 
-TEST(ConfigEditorLookups, FirstElementWithTheIdIsTheOneChanged) {
-  ConfigSnapshot document;
-  document.devices = {testing::stereoDevice("dup", "First"),
-                      testing::stereoDevice("dup", "Second")};
-  document.devices[0].sources.push_back(testing::passThruSource("dup-pt"));
-
-  EXPECT_EQ(Editor::requireDeviceIndex("dup", document), 0u);
-  Editor::renameDevice("dup", "Renamed", document);
-  SourceConfig changed = Editor::setSourceControls("dup", "dup-pt", false, true, 0.25, document);
-
-  EXPECT_EQ(document.devices[0].name, "Renamed");
-  EXPECT_EQ(document.devices[1].name, "Second");
-  EXPECT_EQ(changed, document.devices[0].sources[0]);
-  EXPECT_EQ(document.devices[0].sources[1], testing::passThruSource("dup-pt"));
-  EXPECT_EQ(document.devices[1].sources[0], testing::passThruSource("dup-pt"));
-}
-
-TEST(ConfigEditorDeviceEdits, StoreValuesAsGivenAndReturnTheChangedElement) {
+// Of several elements with one id the first is changed: a second "nest" and a second "sys" stay
+// as they are.
+TEST(ConfigEditorDeviceEdits, StoreValuesAsGivenInTheFirstElementWithTheIdAndReturnIt) {
   ConfigSnapshot document = testing::richSnapshot();
+  document.devices.push_back(document.devices[1]);
+  document.devices[0].sources.push_back(document.devices[0].sources[2]);
   ConfigSnapshot expected = document;
   expected.ui.selectedDeviceID = "studio";
   expected.devices[1].name = "";     // not trimmed
@@ -119,6 +100,7 @@ TEST(ConfigEditorDeviceEdits, StoreValuesAsGivenAndReturnTheChangedElement) {
   spk.enabled = false, spk.muted = true, spk.gain = -1.0;
 
   const auto& studio = document.devices[0];
+  EXPECT_EQ(Editor::requireDeviceIndex("nest", document), 1u);
   EXPECT_EQ(Editor::selectDevice("studio", document).id, "studio");
   EXPECT_EQ(Editor::renameDevice("nest", "", document), document.devices[1]);
   EXPECT_EQ(Editor::setDeviceVolume("studio", 5.0, document), studio);
@@ -193,24 +175,22 @@ TEST(SetDeviceChannelCount, RewiresTheFirstPassThruSourceAfterTheOtherWires) {
   for (std::int64_t count : {6, 0}) {
     SCOPED_TRACE(count);
     ConfigSnapshot document = channelCountDocument();
-    const DeviceConfig before = document.devices[0];
+    // Only the first pass-thru source is rewired.
+    DeviceConfig expected = document.devices[0];
+    expected.channelCount = expected.sources[1].channelCount = count;
+    expected.wires = {expected.wires[0], expected.wires[3], expected.wires[4]};
     DeviceConfig result = Editor::setDeviceChannelCount("d", count, document);
-    ASSERT_EQ(result, document.devices[0]);
-    EXPECT_EQ(result.channelCount, count);
-    EXPECT_EQ(result.sources[1].channelCount, count);
-    EXPECT_EQ(result.sources[2], before.sources[2]) << "only the first is rewired";
     ASSERT_EQ(result.wires.size(), 3u + static_cast<std::size_t>(count));
-    EXPECT_THAT(std::vector(result.wires.begin(), result.wires.begin() + 3),
-                ::testing::ElementsAre(before.wires[0], before.wires[3], before.wires[4]));
     std::set<std::string> ids;
     for (std::int64_t c = 1; c <= count; ++c) {
-      const Wire& added = result.wires[static_cast<std::size_t>(2 + c)];
-      EXPECT_EQ(added.from, sourceEnd("pt", c));
-      EXPECT_EQ(added.to, outputEnd("d", c));
-      EXPECT_TRUE(testing::isUpperCaseUUID(added.id)) << added.id;
-      ids.insert(added.id);
+      const std::string& id = result.wires[static_cast<std::size_t>(2 + c)].id;
+      EXPECT_THAT(id, testing::upperCaseUUID);
+      ids.insert(id);
+      expected.wires.push_back(testing::wire(id, sourceEnd("pt", c), outputEnd("d", c)));
     }
     EXPECT_EQ(ids.size(), static_cast<std::size_t>(count));
+    EXPECT_EQ(result, expected);
+    EXPECT_EQ(document.devices[0], expected);
   }
 
   // Without a pass-thru source only the count changes.
@@ -256,9 +236,8 @@ TEST(DeleteDevice, RemovesEveryDeviceWithTheIdAndMovesOnlyItsSelection) {
   ConfigSnapshot document = testing::richSnapshot();
   document.ui.selectedDeviceID = "studio";
   Editor::deleteDevice(document.devices[0].id, document);
-  ASSERT_EQ(document.devices.size(), 1u);
+  EXPECT_EQ(document.devices, std::vector{testing::richSnapshot().devices[1]});
   EXPECT_EQ(document.ui.selectedDeviceID, "nest");
-  EXPECT_EQ(document.devices[0].sources.back().metadata.sourceDeviceID, "studio");
 }
 
 }  // namespace

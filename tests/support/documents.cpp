@@ -3,25 +3,22 @@
 namespace brisola::testing {
 
 SourceConfig passThruSource(std::string id, std::int64_t channelCount) {
-  auto source = sourceOf(SourceType::passThru, std::move(id), "Pass-Thru");
-  source.channelCount = channelCount;
-  return source;
+  return sourceOf(SourceType::passThru, std::move(id), "Pass-Thru", {}, channelCount);
 }
 
 SourceConfig hardwareSource(std::string id, std::string deviceUID, std::int64_t channelCount) {
-  auto source = sourceOf(SourceType::hardwareInput, std::move(id), "Microphone",
-                         {.deviceUID = std::move(deviceUID)});
-  source.channelCount = channelCount;
-  return source;
+  return sourceOf(SourceType::hardwareInput, std::move(id), "Microphone",
+                  {.deviceUID = std::move(deviceUID)}, channelCount);
 }
 
-SourceConfig sourceOf(SourceType type, std::string id, std::string name, SourceMetadata metadata) {
+SourceConfig sourceOf(SourceType type, std::string id, std::string name, SourceMetadata metadata,
+                      std::int64_t channelCount) {
   return SourceConfig{.id = std::move(id),
                       .type = type,
                       .name = std::move(name),
                       .enabled = true,
                       .gain = 1.0,
-                      .channelCount = 2,
+                      .channelCount = channelCount,
                       .metadata = std::move(metadata)};
 }
 
@@ -34,7 +31,6 @@ MonitorConfig monitor(std::string id, std::string deviceUID, std::int64_t channe
   return MonitorConfig{.id = std::move(id),
                        .name = "Speakers",
                        .enabled = true,
-                       .muted = false,
                        .gain = 1.0,
                        .deviceUID = std::move(deviceUID),
                        .channelCount = channelCount};

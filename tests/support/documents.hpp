@@ -10,9 +10,9 @@ namespace brisola::testing {
 
 SourceConfig passThruSource(std::string id, std::int64_t channelCount = 2);
 SourceConfig hardwareSource(std::string id, std::string deviceUID, std::int64_t channelCount = 2);
-// Enabled, not muted, gain 1.0, two channels.
+// Enabled, not muted, gain 1.0.
 SourceConfig sourceOf(SourceType type, std::string id, std::string name,
-                      SourceMetadata metadata = {});
+                      SourceMetadata metadata = {}, std::int64_t channelCount = 2);
 // A source that feeds the device `deviceID` into its owner.
 SourceConfig nestedSource(std::string id, std::string deviceID, std::string name = "Feed");
 MonitorConfig monitor(std::string id, std::string deviceUID, std::int64_t channelCount = 2);

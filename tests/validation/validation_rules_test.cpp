@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <limits>
 #include <optional>
 #include <ostream>
 #include <string>
-#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -20,22 +18,6 @@ inline void PrintTo(const ValidationIssue& issue, std::ostream* out) {
 }
 
 namespace {
-
-// Issues written one per line as "code | message | path"; blank lines are skipped.
-std::vector<ValidationIssue> issues(std::string_view table) {
-  std::vector<ValidationIssue> result;
-  while (!table.empty()) {
-    std::string_view line = table.substr(0, table.find('\n'));
-    table.remove_prefix(std::min(table.size(), line.size() + 1));
-    line.remove_prefix(std::min(line.size(), line.find_first_not_of(' ')));
-    if (line.empty()) continue;
-    const auto first = line.find(" | "), second = line.rfind(" | ");
-    result.push_back({std::string(line.substr(0, first)),
-                      std::string(line.substr(first + 3, second - first - 3)),
-                      std::string(line.substr(second + 3))});
-  }
-  return result;
-}
 
 // Code, path and the identifier the message quotes: "device.nestedDeviceCycle devices 'a'".
 std::vector<std::string> brief(const std::vector<ValidationIssue>& issues) {
@@ -63,11 +45,9 @@ DeviceConfig device(std::string id, std::string name, double sampleRate, std::in
   return {.id = id, .name = std::move(name), .sampleRate = sampleRate, .channelCount = channels};
 }
 
-TEST(ValidationRules, EmptyAndWellFormedDocumentsHaveNothingToReport) {
-  EXPECT_EQ(validated(ConfigSnapshot::empty()), ValidationResult{});
-
-  // Every record and source type, a nested device, a selected device: all fine apart from a
-  // sample rate that the engine ignores.
+// Every record and source type, a nested device, a selected device: all fine apart from a
+// sample rate that the engine ignores.
+TEST(ValidationRules, WellFormedDocumentHasNothingToReport) {
   ValidationResult rich = validated(testing::richSnapshot());
   EXPECT_TRUE(rich.errors.empty());
   EXPECT_EQ(brief(rich.warnings),
@@ -75,15 +55,14 @@ TEST(ValidationRules, EmptyAndWellFormedDocumentsHaveNothingToReport) {
 }
 
 // One document that trips most rules at once: every issue, in emission order.
-ConfigSnapshot brokenStudio() {
+TEST(ValidationRules, BrokenDocumentReportsEveryIssueInOrder) {
   DeviceConfig first = device("a", " ", 44100, 3);
   first.volume = 2.5;
   first.channelGains = std::vector<double>{1.0, 3.0, -0.0, kNaN};
   first.sources = {sourceOf(SourceType::passThru, "s", "Pass"),
-                   sourceOf(SourceType::application, "s", "\t\n"),
+                   sourceOf(SourceType::application, "s", "\t\n", {}, 0),
                    testing::hardwareSource("", "", 1)};
   first.sources[0].muteWhenCapturing = true;
-  first.sources[1].channelCount = 0;
   first.sources[1].gain = std::numeric_limits<double>::infinity();
   first.sources[1].channelGains = std::vector<double>{0.5};
 
@@ -130,80 +109,75 @@ ConfigSnapshot brokenStudio() {
   sixth.volume = 2.0;
   sixth.sources = {testing::passThruSource("pt", 0), testing::nestedSource("self", "f")};
 
-  return {.schemaVersion = 3,
-          .devices = {first, second, third, fourth, fifth, sixth},
-          .ui = {.selectedDeviceID = "missing"}};
-}
-
-TEST(ValidationRules, BrokenDocumentReportsEveryIssueInOrder) {
-  const ConfigSnapshot snapshot = brokenStudio();
+  const ConfigSnapshot snapshot{.schemaVersion = 3,
+                                .devices = {first, second, third, fourth, fifth, sixth},
+                                .ui = {.selectedDeviceID = "missing"}};
   const ValidationResult result = validated(snapshot);
   // clang-format off
-  EXPECT_EQ(result.errors, issues(R"(
-    schema.unsupported | Unsupported schema version 3. | schemaVersion
-    device.duplicateID | Duplicate ID 'a' found. | devices
-    device.duplicateID | Duplicate ID 'a' found. | devices
-    device.duplicateUID | Duplicate ID 'dup.uid' found. | devices
-    device.emptyName | Device name must not be empty. | devices[0].name
-    device.invalidVolume | Device volume must be finite and between 0.0 and 2.0. | devices[0].volume
-    device.tooManyChannelGains | Channel gain count must not exceed the channel count. | devices[0].channelGains
-    device.invalidChannelGain | Channel gain must be finite and between 0.0 and 2.0. | devices[0].channelGains[1]
-    device.invalidChannelGain | Channel gain must be finite and between 0.0 and 2.0. | devices[0].channelGains[3]
-    device.invalidChannelCount | Channel count must be even and between 2 and 64. | devices[0].channelCount
-    source.duplicateID | Duplicate ID 's' found. | devices[0].sources
-    monitor.duplicateID | Duplicate ID 'm' found. | devices[0].monitors
-    wire.duplicateID | Duplicate ID 'w' found. | devices[0].wires
-    source.emptyName | Source name must not be empty. | devices[0].sources[1].name
-    source.invalidChannelCount | Source channel count must be positive. | devices[0].sources[1].channelCount
-    source.invalidGain | Gain must be finite and between 0.0 and 2.0. | devices[0].sources[1].gain
-    source.tooManyChannelGains | Channel gain count must not exceed the channel count. | devices[0].sources[1].channelGains
-    source.emptyID | Source ID must not be empty. | devices[0].sources[2].id
-    monitor.invalidGain | Gain must be finite and between 0.0 and 2.0. | devices[0].monitors[0].gain
-    monitor.invalidChannelGain | Channel gain must be finite and between 0.0 and 2.0. | devices[0].monitors[0].channelGains[1]
-    monitor.emptyName | Monitor name must not be empty. | devices[0].monitors[1].name
-    monitor.invalidChannelCount | Monitor channel count must be positive. | devices[0].monitors[1].channelCount
-    wire.emptyID | Wire ID must not be empty. | devices[0].wires[2].id
-    device.invalidSampleRate | Sample rate must be positive. | devices[1].sampleRate
-    device.invalidChannelCount | Channel count must be even and between 2 and 64. | devices[1].channelCount
-    device.emptyID | Device ID must not be empty. | devices[2].id
-    device.emptyUID | Device UID must not be empty. | devices[2].uid
-    device.emptyID | Device ID must not be empty. | devices[3].id
-    device.emptyName | Device name must not be empty. | devices[3].name
-    device.emptyUID | Device UID must not be empty. | devices[3].uid
-    device.emptyName | Device name must not be empty. | devices[4].name
-    device.emptyUID | Device UID must not be empty. | devices[4].uid
-    device.invalidSampleRate | Sample rate must be positive. | devices[4].sampleRate
-    device.invalidChannelCount | Channel count must be even and between 2 and 64. | devices[4].channelCount
-    monitor.emptyID | Monitor ID must not be empty. | devices[4].monitors[0].id
-    source.invalidChannelCount | Source channel count must be positive. | devices[5].sources[0].channelCount
-    device.nestedDeviceCycle | Nested device sources form a cycle involving device 'f'. | devices
-  )"));
-  EXPECT_EQ(result.warnings, issues(R"(
-    device.unsupportedSampleRate | The engine runs at 48 kHz; this sample rate is ignored. | devices[0].sampleRate
-    source.passThruChannelMismatch | Pass-Thru source channel count should match the virtual device channel count. | devices[0].sources[0].channelCount
-    source.muteWhenCapturingUnsupported | Mute-when-capturing only applies to application and system audio sources. | devices[0].sources[0].muteWhenCapturing
-    source.applicationMissingIdentity | Application source has no bundle identifier, PID, or process object ID. | devices[0].sources[1].metadata
-    source.hardwareInputMissingDevice | Hardware input source has no Core Audio device UID. | devices[0].sources[2].metadata.deviceUID
-    monitor.missingDeviceUID | Monitor has no Core Audio output device UID. | devices[0].monitors[0].deviceUID
-    wire.invalidDirection | Wire direction must be source-to-deviceOutput or deviceOutput-to-monitor. | devices[0].wires[1]
-    wire.from.invalidChannel | Wire endpoint channels are one-based and must be positive. | devices[0].wires[1].from.channel
-    wire.to.missingSource | Wire endpoint refers to a missing source. | devices[0].wires[1].to.ownerID
-    wire.from.wrongDeviceOutputOwner | Device output endpoint must refer to the containing device. | devices[0].wires[2].from.ownerID
-    wire.from.deviceChannelOutOfRange | Wire endpoint channel exceeds the device channel count. | devices[0].wires[2].from.channel
-    wire.to.monitorChannelOutOfRange | Wire endpoint channel exceeds the monitor channel count. | devices[0].wires[2].to.channel
-    wire.to.missingMonitor | Wire endpoint refers to a missing monitor. | devices[0].wires[3].to.ownerID
-    wire.to.invalidChannel | Wire endpoint channels are one-based and must be positive. | devices[0].wires[4].to.channel
-    source.virtualDeviceMissingDevice | Nested device source has no source device ID. | devices[1].sources[0].metadata.sourceDeviceID
-    source.muteWhenCapturingUnsupported | Mute-when-capturing only applies to application and system audio sources. | devices[4].sources[4].muteWhenCapturing
-    source.hardwareInputMissingDevice | Hardware input source has no Core Audio device UID. | devices[4].sources[5].metadata.deviceUID
-    source.virtualDeviceMissingDevice | Nested device source has no source device ID. | devices[4].sources[6].metadata.sourceDeviceID
-    device.unsupportedSampleRate | The engine runs at 48 kHz; this sample rate is ignored. | devices[5].sampleRate
-    source.passThruChannelMismatch | Pass-Thru source channel count should match the virtual device channel count. | devices[5].sources[0].channelCount
-    ui.selectedDeviceMissing | Selected device ID does not refer to a configured device. | ui.selectedDeviceID
-    source.virtualDeviceUnknownDevice | Nested device source 'Loop' refers to a device that does not exist. | devices[2]
-  )"));
+  EXPECT_EQ(result.errors, (std::vector<ValidationIssue>{
+    {"schema.unsupported", "Unsupported schema version 3.", "schemaVersion"},
+    {"device.duplicateID", "Duplicate ID 'a' found.", "devices"},
+    {"device.duplicateID", "Duplicate ID 'a' found.", "devices"},
+    {"device.duplicateUID", "Duplicate ID 'dup.uid' found.", "devices"},
+    {"device.emptyName", "Device name must not be empty.", "devices[0].name"},
+    {"device.invalidVolume", "Device volume must be finite and between 0.0 and 2.0.", "devices[0].volume"},
+    {"device.tooManyChannelGains", "Channel gain count must not exceed the channel count.", "devices[0].channelGains"},
+    {"device.invalidChannelGain", "Channel gain must be finite and between 0.0 and 2.0.", "devices[0].channelGains[1]"},
+    {"device.invalidChannelGain", "Channel gain must be finite and between 0.0 and 2.0.", "devices[0].channelGains[3]"},
+    {"device.invalidChannelCount", "Channel count must be even and between 2 and 64.", "devices[0].channelCount"},
+    {"source.duplicateID", "Duplicate ID 's' found.", "devices[0].sources"},
+    {"monitor.duplicateID", "Duplicate ID 'm' found.", "devices[0].monitors"},
+    {"wire.duplicateID", "Duplicate ID 'w' found.", "devices[0].wires"},
+    {"source.emptyName", "Source name must not be empty.", "devices[0].sources[1].name"},
+    {"source.invalidChannelCount", "Source channel count must be positive.", "devices[0].sources[1].channelCount"},
+    {"source.invalidGain", "Gain must be finite and between 0.0 and 2.0.", "devices[0].sources[1].gain"},
+    {"source.tooManyChannelGains", "Channel gain count must not exceed the channel count.", "devices[0].sources[1].channelGains"},
+    {"source.emptyID", "Source ID must not be empty.", "devices[0].sources[2].id"},
+    {"monitor.invalidGain", "Gain must be finite and between 0.0 and 2.0.", "devices[0].monitors[0].gain"},
+    {"monitor.invalidChannelGain", "Channel gain must be finite and between 0.0 and 2.0.", "devices[0].monitors[0].channelGains[1]"},
+    {"monitor.emptyName", "Monitor name must not be empty.", "devices[0].monitors[1].name"},
+    {"monitor.invalidChannelCount", "Monitor channel count must be positive.", "devices[0].monitors[1].channelCount"},
+    {"wire.emptyID", "Wire ID must not be empty.", "devices[0].wires[2].id"},
+    {"device.invalidSampleRate", "Sample rate must be positive.", "devices[1].sampleRate"},
+    {"device.invalidChannelCount", "Channel count must be even and between 2 and 64.", "devices[1].channelCount"},
+    {"device.emptyID", "Device ID must not be empty.", "devices[2].id"},
+    {"device.emptyUID", "Device UID must not be empty.", "devices[2].uid"},
+    {"device.emptyID", "Device ID must not be empty.", "devices[3].id"},
+    {"device.emptyName", "Device name must not be empty.", "devices[3].name"},
+    {"device.emptyUID", "Device UID must not be empty.", "devices[3].uid"},
+    {"device.emptyName", "Device name must not be empty.", "devices[4].name"},
+    {"device.emptyUID", "Device UID must not be empty.", "devices[4].uid"},
+    {"device.invalidSampleRate", "Sample rate must be positive.", "devices[4].sampleRate"},
+    {"device.invalidChannelCount", "Channel count must be even and between 2 and 64.", "devices[4].channelCount"},
+    {"monitor.emptyID", "Monitor ID must not be empty.", "devices[4].monitors[0].id"},
+    {"source.invalidChannelCount", "Source channel count must be positive.", "devices[5].sources[0].channelCount"},
+    {"device.nestedDeviceCycle", "Nested device sources form a cycle involving device 'f'.", "devices"},
+  }));
+  EXPECT_EQ(result.warnings, (std::vector<ValidationIssue>{
+    {"device.unsupportedSampleRate", "The engine runs at 48 kHz; this sample rate is ignored.", "devices[0].sampleRate"},
+    {"source.passThruChannelMismatch", "Pass-Thru source channel count should match the virtual device channel count.", "devices[0].sources[0].channelCount"},
+    {"source.muteWhenCapturingUnsupported", "Mute-when-capturing only applies to application and system audio sources.", "devices[0].sources[0].muteWhenCapturing"},
+    {"source.applicationMissingIdentity", "Application source has no bundle identifier, PID, or process object ID.", "devices[0].sources[1].metadata"},
+    {"source.hardwareInputMissingDevice", "Hardware input source has no Core Audio device UID.", "devices[0].sources[2].metadata.deviceUID"},
+    {"monitor.missingDeviceUID", "Monitor has no Core Audio output device UID.", "devices[0].monitors[0].deviceUID"},
+    {"wire.invalidDirection", "Wire direction must be source-to-deviceOutput or deviceOutput-to-monitor.", "devices[0].wires[1]"},
+    {"wire.from.invalidChannel", "Wire endpoint channels are one-based and must be positive.", "devices[0].wires[1].from.channel"},
+    {"wire.to.missingSource", "Wire endpoint refers to a missing source.", "devices[0].wires[1].to.ownerID"},
+    {"wire.from.wrongDeviceOutputOwner", "Device output endpoint must refer to the containing device.", "devices[0].wires[2].from.ownerID"},
+    {"wire.from.deviceChannelOutOfRange", "Wire endpoint channel exceeds the device channel count.", "devices[0].wires[2].from.channel"},
+    {"wire.to.monitorChannelOutOfRange", "Wire endpoint channel exceeds the monitor channel count.", "devices[0].wires[2].to.channel"},
+    {"wire.to.missingMonitor", "Wire endpoint refers to a missing monitor.", "devices[0].wires[3].to.ownerID"},
+    {"wire.to.invalidChannel", "Wire endpoint channels are one-based and must be positive.", "devices[0].wires[4].to.channel"},
+    {"source.virtualDeviceMissingDevice", "Nested device source has no source device ID.", "devices[1].sources[0].metadata.sourceDeviceID"},
+    {"source.muteWhenCapturingUnsupported", "Mute-when-capturing only applies to application and system audio sources.", "devices[4].sources[4].muteWhenCapturing"},
+    {"source.hardwareInputMissingDevice", "Hardware input source has no Core Audio device UID.", "devices[4].sources[5].metadata.deviceUID"},
+    {"source.virtualDeviceMissingDevice", "Nested device source has no source device ID.", "devices[4].sources[6].metadata.sourceDeviceID"},
+    {"device.unsupportedSampleRate", "The engine runs at 48 kHz; this sample rate is ignored.", "devices[5].sampleRate"},
+    {"source.passThruChannelMismatch", "Pass-Thru source channel count should match the virtual device channel count.", "devices[5].sources[0].channelCount"},
+    {"ui.selectedDeviceMissing", "Selected device ID does not refer to a configured device.", "ui.selectedDeviceID"},
+    {"source.virtualDeviceUnknownDevice", "Nested device source 'Loop' refers to a device that does not exist.", "devices[2]"},
+  }));
   // clang-format on
-  EXPECT_FALSE(result.isValid());
   EXPECT_EQ(validated(snapshot), result);
 }
 
@@ -213,9 +187,8 @@ TEST(ValidationRules, CanonicallyEquivalentIdentifiersAreEqual) {
   DeviceConfig first = stereoDevice(precomposed, "First");
   // The Kelvin sign is canonically equivalent to "K"; case, surrounding space and compatibility
   // forms (the ligature "fi") still count.
-  for (auto id : {"\u212A", "K", "k", " K", "fi", "\uFB01"}) {
+  for (auto id : {"\u212A", "K", "k", " K", "fi", "\uFB01"})
     first.sources.push_back(testing::passThruSource(id));
-  }
   first.monitors = {testing::monitor(decomposed, "Out")};
   first.wires.push_back(
       wire("via-decomposed", sourceEnd(first.id + "-pt", 1), outputEnd(decomposed, 1)));
@@ -312,11 +285,9 @@ TEST(NestedDeviceGraph, SmallGraphs) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);
-    const ConfigSnapshot snapshot = graph(row.nodes);
-    const ValidationResult result = ConfigValidator{}.validate(snapshot);
+    const ValidationResult result = validated(graph(row.nodes));
     EXPECT_EQ(brief(result.errors), row.errors);
     EXPECT_EQ(brief(result.warnings), row.warnings);
-    EXPECT_EQ(ConfigValidator{}.validate(snapshot), result);
   }
 }
 
