@@ -65,9 +65,9 @@ class ServiceProcess : public ::testing::Test {
                     {"BRISOLA_CONFIG_PATH", (dir_ / "config.json").string()},
                     {"BRISOLA_HARDWARE_SIMULATION", (dir_ / "hardware.json").string()},
                     {"BRISOLA_HELPER_DIR", (dir_ / "helpers").string()},
-                    {"HELPER_RECORDS", (dir_ / "records").string()}};
-    // Every helper is the same shell script without any signal handler: it records its process
-    // id and route variables, then sleeps.
+                    {"HELPER_RECORDS", (dir_ / "records").string()},
+                    {"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}};
+    // Each helper: a shell script without signal handlers that records its pid and variables.
     for (const char* name : {"brisola-monitor", "brisola-hardware-source", "brisola-process-tap"}) {
       testing::writeExecutable(dir_ / "helpers" / name,
                                "#!/bin/sh\n"
@@ -84,18 +84,13 @@ class ServiceProcess : public ::testing::Test {
     fs::rename(dir_ / "config.tmp", dir_ / "config.json");
   }
 
-  std::map<std::string, std::string> environment(
-      const std::map<std::string, std::string>& extra) const {
-    auto environment = environment_;
-    for (auto& [name, value] : extra) environment[name] = value;
-    return environment;
+  std::unique_ptr<RunningProcess> start() {
+    return std::make_unique<RunningProcess>(servicePath(), std::vector<std::string>{}, environment_,
+                                            dir_.path(), dir_.path());
   }
-  std::unique_ptr<RunningProcess> start(const std::map<std::string, std::string>& extra) {
-    return std::make_unique<RunningProcess>(servicePath(), std::vector<std::string>{},
-                                            environment(extra), dir_.path(), dir_.path());
-  }
-  testing::Completed run(const std::map<std::string, std::string>& extra) {
-    return testing::runToCompletion(servicePath(), {}, environment(extra), dir_.path());
+  testing::Completed run(const std::vector<std::string>& arguments = {},
+                         const fs::path& program = servicePath()) {
+    return testing::runToCompletion(program, arguments, environment_, dir_.path());
   }
 
   void TearDown() override {
@@ -131,7 +126,8 @@ TEST_F(ServiceProcess, DryRunPrintsControlsAndRoutesWithoutTouchingAnything) {
   snapshot.devices.push_back(off);
   writeDocument(snapshot);
 
-  auto result = run({{"BRISOLA_SERVICE_ONCE", "yes"}});
+  environment_["BRISOLA_SERVICE_ONCE"] = "yes";
+  auto result = run();
   EXPECT_EQ(result.status, 0) << result.out << result.err;
   EXPECT_THAT(
       messages(result.out),
@@ -146,7 +142,9 @@ TEST_F(ServiceProcess, DryRunPrintsControlsAndRoutesWithoutTouchingAnything) {
   EXPECT_TRUE(fs::is_empty(dir_ / "records")) << "a helper was started";
 
   writeDocument(ConfigSnapshot::empty());
-  result = run({{"BRISOLA_SERVICE_DRY_RUN", "TRUE"}});
+  environment_.erase("BRISOLA_SERVICE_ONCE");
+  environment_["BRISOLA_SERVICE_DRY_RUN"] = "TRUE";
+  result = run();
   EXPECT_THAT(messages(result.out),
               ::testing::ElementsAre("Dry run: 0 device(s)", "Dry run route: none"));
 }
@@ -156,34 +154,30 @@ TEST_F(ServiceProcess, AnswersVersionRefusesOtherArgumentsAndNamesAMissingHelper
   // A copy of its own: beside the built service lie the real helpers.
   fs::create_directories(dir_ / "bin");
   fs::copy_file(servicePath(), dir_ / "bin" / "brisola-audio-service");
-  const std::vector<std::tuple<std::string, int, std::string>> rows{
-      {"--version", 0, "brisola-audio-service 0.1.0\n"},
-      {"--bogus", 64, ""},
-      {"", 1,
+  // All that is said: the version as it is, the missing helper in one stamped line.
+  const std::vector<std::tuple<std::vector<std::string>, int, std::string>> rows{
+      {{"--version"}, 0, "brisola-audio-service 0.1.0\n"},
+      {{"--bogus"}, 64, ""},
+      {{},
+       1,
        "Fatal error: Could not find executable helper 'brisola-monitor'. Build helpers with "
        "scripts/build-service.sh."},
   };
   environment_.erase("BRISOLA_HELPER_DIR");
-  for (const auto& [argument, status, start] : rows) {
-    auto result = testing::runToCompletion(
-        dir_ / "bin" / "brisola-audio-service",
-        argument.empty() ? std::vector<std::string>{} : std::vector{argument}, environment({}),
-        dir_.path());
-    EXPECT_EQ(result.status, status) << argument;
-    // The start of what is said, or for the missing helper every line of it.
-    const auto said = argument.empty() ? ::testing::PrintToString(messages(result.out))
-                                       : result.out.substr(0, start.size());
-    EXPECT_EQ(said, argument.empty() ? ::testing::PrintToString(std::vector{start}) : start);
+  for (const auto& [arguments, status, said] : rows) {
+    auto result = run(arguments, dir_ / "bin" / "brisola-audio-service");
+    EXPECT_EQ(result.status, status) << ::testing::PrintToString(arguments);
+    EXPECT_EQ(arguments.empty() ? ::testing::PrintToString(messages(result.out)) : result.out,
+              arguments.empty() ? ::testing::PrintToString(std::vector{said}) : said);
   }
   EXPECT_FALSE(fs::exists(dir_ / "config.json")) << "the document was touched";
 }
 
 TEST_F(ServiceProcess, BrokenDocumentFailsEveryCycleWhileTheHeartbeatMoves) {
   writeFile(dir_ / "config.json", "{\"schemaVersion\": 2}");
-  auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
+  auto service = start();
   ASSERT_TRUE(service->waitForOutput("Reconcile failed: ", 5s, 2)) << service->standardOutput();
   fs::path heartbeat = dir_ / "data" / "Brisola" / "service-heartbeat";
-  ASSERT_TRUE(fs::exists(heartbeat));
   auto firstBeat = fs::last_write_time(heartbeat);
   ASSERT_TRUE(service->waitForOutput("Reconcile failed: ", 5s, 5));
   EXPECT_GT(fs::last_write_time(heartbeat), firstBeat);
@@ -215,8 +209,9 @@ TEST_F(ServiceProcess, BrokenDocumentFailsEveryCycleWhileTheHeartbeatMoves) {
 
 TEST_F(ServiceProcess, StopSignalCutsALongSleepShort) {
   writeDocument(ConfigSnapshot::empty());
+  environment_["BRISOLA_SERVICE_POLL_SECONDS"] = "inf";
   for (int signal : {SIGTERM, SIGINT}) {
-    auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "inf"}});
+    auto service = start();
     ASSERT_TRUE(service->waitForOutput("Starting Brisola audio service", 5s));
     std::this_thread::sleep_for(100ms);  // well inside the first sleep
     service->signal(signal);
@@ -243,15 +238,13 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
 
 TEST_F(ServiceProcess, HelpersFollowTheDocumentAndTheirOwnExits) {
   writeDocument(studioDocument());
-  auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
+  auto service = start();
   fs::path records = dir_ / "records";
-  // The helper started with this monitor gain, or 0.
+  // Whether a helper started with this monitor gain.
   auto monitorWithGain = [&](const std::string& gain) {
-    pid_t found = 0;
-    for (const auto& [pid, variables] : recordedHelpers(records)) {
-      if (variables.find("BRISOLA_MONITOR_GAIN=" + gain + "\n") != std::string::npos) found = pid;
-    }
-    return found;
+    return std::ranges::any_of(recordedHelpers(records), [&](const auto& helper) {
+      return helper.second.find("BRISOLA_MONITOR_GAIN=" + gain + "\n") != std::string::npos;
+    });
   };
 
   // Both routes start: the monitor and the hardware input.
@@ -270,11 +263,8 @@ TEST_F(ServiceProcess, HelpersFollowTheDocumentAndTheirOwnExits) {
   edited.devices[0].monitors[0].gain = 0.5;
   writeDocument(edited);
   ASSERT_TRUE(eventually([&] { return !alive(monitorPid); }));
-  ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 3; }));
+  ASSERT_TRUE(eventually([&] { return monitorWithGain("0.5"); }));
   EXPECT_TRUE(alive(hardwarePid)) << "an unchanged route was restarted";
-  EXPECT_NE(monitorWithGain("0.5"), 0);
-  EXPECT_TRUE(
-      service->waitForOutput("Stopping monitor 'Desk' (Studio): configuration changed route", 5s));
 
   // An edit of the same size written over the file in place, with the modification time of
   // the last one put back: only the change time tells it, and it is still seen.
@@ -282,19 +272,18 @@ TEST_F(ServiceProcess, HelpersFollowTheDocumentAndTheirOwnExits) {
   writeFile(dir_ / "config.json", encodeJSON(edited));
   struct stat written {};
   ASSERT_EQ(::stat((dir_ / "config.json").c_str(), &written), 0);
-  ASSERT_TRUE(eventually([&] { return monitorWithGain("0.7") != 0; }));
+  ASSERT_TRUE(eventually([&] { return monitorWithGain("0.7"); }));
   edited.devices[0].monitors[0].gain = 0.9;
   writeFile(dir_ / "config.json", encodeJSON(edited));
   const timespec times[] = {written.st_atim, written.st_mtim};
   ASSERT_EQ(::utimensat(AT_FDCWD, (dir_ / "config.json").c_str(), times, 0), 0);
-  ASSERT_TRUE(eventually([&] { return monitorWithGain("0.9") != 0; }));
+  ASSERT_TRUE(eventually([&] { return monitorWithGain("0.9"); }));
 
   // A helper that dies is restarted (after its back-off of 2 s).
   ::kill(hardwarePid, SIGKILL);
-  ASSERT_TRUE(service->waitForOutput("hardware input 'Mic' (Studio) exited with status 9", 5s));
-  EXPECT_TRUE(
+  ASSERT_TRUE(
       service->waitForOutput("hardware input 'Mic' (Studio) was ended by signal 9 (SIGKILL)", 5s));
-  ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 6; }, 10s));
+  ASSERT_TRUE(eventually([&] { return recordedHelpers(records).size() == 6; }));
 
   // SIGTERM ends every helper (plain shell scripts without handlers) and the service.
   auto all = recordedHelpers(records);
@@ -307,7 +296,7 @@ TEST_F(ServiceProcess, HelpersFollowTheDocumentAndTheirOwnExits) {
 
 TEST_F(ServiceProcess, NoHelperOutlivesAServiceKilledOutright) {
   writeDocument(studioDocument());
-  auto service = start({{"BRISOLA_SERVICE_POLL_SECONDS", "0.05"}});
+  auto service = start();
   ASSERT_TRUE(eventually([&] { return recordedHelpers(dir_ / "records").size() == 2; }))
       << service->standardOutput();
   service->signal(SIGKILL);

@@ -94,10 +94,8 @@ TEST(HelperPaths, CandidatesAreStandardisedAndLookupPrefersTheEnvironmentAndSkip
     make(cwd / "env", name);
     make(cwd / "self", name);
   }
-  const Settings settings{.helperDirectory = (cwd / "env").string()};
-  EXPECT_EQ(resolved(settings).monitor, cwd / "env" / "brisola-monitor");
   make(cwd / "env", "brisola-hardware-source", 0644);  // present but not executable
-  EXPECT_EQ(resolved(settings),
+  EXPECT_EQ(resolved({.helperDirectory = (cwd / "env").string()}),
             (HelperPaths{cwd / "env" / "brisola-monitor", cwd / "self" / "brisola-hardware-source",
                          cwd / "env" / "brisola-process-tap"}));
 }
@@ -108,7 +106,7 @@ TEST(NumberText, ShortestRoundTripWithAFractionOrAnExponentAndLogLinesStampedInU
                            "0.30000000000000004", "1234567890123456.0"}) {
     EXPECT_EQ(shortestText(std::stod(text)), text);
   }
-  EXPECT_EQ(shortestText(0.1f), "0.1");
+  EXPECT_EQ(shortestText(0.3f), "0.3");
   EXPECT_EQ(shortestText(static_cast<float>(1.0 / 3.0)), "0.33333334");
 
   // Whole seconds: the milliseconds are dropped, not rounded.
@@ -121,15 +119,6 @@ TEST(NumberText, ShortestRoundTripWithAFractionOrAnExponentAndLogLinesStampedInU
 const HelperPaths helpers{.monitor = "/h/brisola-monitor",
                           .hardwareSource = "/h/brisola-hardware-source",
                           .processTap = "/h/brisola-process-tap"};
-
-AudioDeviceInventory inventoryWith(std::vector<std::string> inputs,
-                                   std::vector<std::string> outputs) {
-  AudioDeviceInventory inventory;
-  for (auto& uid : inputs) inventory.inputs.push_back({.uid = uid, .name = uid, .channelCount = 2});
-  for (auto& uid : outputs)
-    inventory.outputs.push_back({.uid = uid, .name = uid, .channelCount = 2});
-  return inventory;
-}
 
 std::vector<std::string> keys(const std::vector<DesiredRoute>& routes) {
   std::vector<std::string> result;
@@ -162,7 +151,8 @@ TEST(RoutePlanner, EveryKindOfRouteCarriesItsVariablesInDocumentOrder) {
   second.monitors.push_back(testing::monitor("m2", "Speakers"));
 
   ConfigSnapshot snapshot{.devices = {device, second}};
-  auto routes = RoutePlanner::desiredRoutes(snapshot, inventoryWith({"U1"}, {"Speakers"}), helpers);
+  auto routes = RoutePlanner::desiredRoutes(
+      snapshot, {.inputs = {{.uid = "U1"}}, .outputs = {{.uid = "Speakers"}}}, helpers);
   EXPECT_THAT(keys(routes), ElementsAre("monitor:d:m", "tap-application:d:app", "tap-system:d:sys",
                                         "hardware:d:mic", "monitor:e:m2"));
 
@@ -225,7 +215,7 @@ TEST(RoutePlanner, SkipsAreSilentUnlessTheUserHasSomethingToFix) {
 
   ConfigSnapshot snapshot{.devices = {device, off}};
   BrisolaServiceLog::Capture log;
-  auto routes = RoutePlanner::desiredRoutes(snapshot, inventoryWith({}, {}), helpers);
+  auto routes = RoutePlanner::desiredRoutes(snapshot, {}, helpers);
   EXPECT_TRUE(routes.empty());
   EXPECT_THAT(log.lines(),
               ElementsAre("Skipping application source 'NoPid' without a PID",
@@ -236,8 +226,11 @@ TEST(RoutePlanner, SkipsAreSilentUnlessTheUserHasSomethingToFix) {
   // Devices that appear are planned on the next pass: the unplugged monitor, the hardware
   // input and the nested device (a source naming its own device resolves like any other).
   log.clear();
-  routes = RoutePlanner::desiredRoutes(
-      snapshot, inventoryWith({"NotHere", "app.brisola.device.d"}, {"Gone"}), helpers);
+  routes =
+      RoutePlanner::desiredRoutes(snapshot,
+                                  {.inputs = {{.uid = "NotHere"}, {.uid = "app.brisola.device.d"}},
+                                   .outputs = {{.uid = "Gone"}}},
+                                  helpers);
   EXPECT_THAT(keys(routes), ElementsAre("monitor:d:unplugged", "hardware:d:h2", "nested:d:n3"));
   EXPECT_EQ(routes[2].summary, "nested device 'Desk' into 'Desk'");
   EXPECT_EQ(routes[2].environment.count("BRISOLA_SOURCE_INPUT_BACKEND"), 0u);
@@ -309,7 +302,6 @@ TEST(ServiceCycle, AReusedPlanFollowsTheDocumentTheDevicesAndFailedCyclesAndStil
   EXPECT_EQ(monitorGain("monitor:d2:m2"), "0.25");
   EXPECT_EQ(ports.supervisor->routes().at("nested:d3:n3").route().summary,
             "nested device 'Renamed' into 'Third'");
-  EXPECT_EQ(ports.supervisor->routes().size(), 3u);
 
   inventory.outputs.clear();
   cycle();

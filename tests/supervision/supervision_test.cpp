@@ -7,7 +7,6 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -38,15 +37,12 @@ using testing::readFile;
 using testing::TempDir;
 
 // Time that moves only when the test (or a sleeping caller) moves it.
-class FakeClock final : public Clock {
- public:
-  time_point now() override { return now_; }
-  void sleepFor(duration interval) override { now_ += interval, ++sleeps; }
-  void advance(duration interval) { now_ += interval; }
+struct FakeClock final : Clock {
+  time_point now() override { return current; }
+  void sleepFor(duration interval) override { current += interval, ++sleeps; }
+  void advance(duration interval) { current += interval; }
+  time_point current{};
   int sleeps = 0;
-
- private:
-  time_point now_{};
 };
 
 DesiredRoute makeRoute(std::string key, std::string summary, EnvironmentMap environment) {
@@ -71,13 +67,11 @@ struct Harness {
   RouteSupervisor supervisor{
       {{"HOME", "/home/user"}, {"BRISOLA_MONITOR_GAIN", "base"}}, launcher, clock};
 
-  // The fake helper currently running for the key.
+  // The fake helper currently running for the key (the fake launcher numbers them from 1000).
   std::shared_ptr<FakeProcessState> helperOf(const std::string& key) const {
     const ChildProcess* process = supervisor.routes().at(key).process();
-    for (const auto& state : launcher.launches) {
-      if (process != nullptr && state->pid == process->pid()) return state;
-    }
-    return nullptr;
+    return process ? launcher.launches.at(static_cast<std::size_t>(process->pid() - 1000))
+                   : nullptr;
   }
 };
 
@@ -97,30 +91,27 @@ TEST(RouteSupervisorTest, RepeatedLaunchFailuresBackOffTwoFiveTenThirtyThenEvery
   }
 
   EXPECT_EQ(attemptSeconds, (std::vector<int>{0, 2, 7, 17, 47, 107, 167, 227, 287}));
-  const ManagedRoute& managed = h.supervisor.routes().at("monitor:d1:m1");
-  EXPECT_EQ(managed.failureCount(), 9);
-  EXPECT_EQ(managed.process(), nullptr);
   EXPECT_EQ(h.log.lines(), Lines(9, "Could not start monitor 'Desk' (Studio): " + error));
 
   // Once the file is back, the next due attempt succeeds and the count starts over.
   h.launcher.failure.reset();
   h.log.clear();
+  const ManagedRoute& managed = h.supervisor.routes().at("monitor:d1:m1");
   h.clock.advance(managed.nextStartDate() - h.clock.now());
   h.supervisor.reconcile(plan);
   EXPECT_EQ(h.log.lines(), Lines{"Started monitor 'Desk' (Studio)"});
   EXPECT_EQ(managed.failureCount(), 0);
-  EXPECT_EQ(managed.nextStartDate(), Clock::distantPast());
   ASSERT_NE(managed.process(), nullptr);
 }
 
 TEST(RouteSupervisorTest, HelperExitingAfterEveryLaunchRestartsTwoSecondsAfterEachExit) {
   Harness h;
   // One cycle per second; the helper dies right after each launch, alternately with 0 and 3.
+  // A failure count kept over a good launch, or a back-off a step late, moves the restarts.
   std::vector<std::string> events;
   for (int second = 0; second <= 12; ++second) {
     const std::size_t before = h.log.lines().size();
     h.supervisor.reconcile({deskMonitor});
-    EXPECT_LE(h.supervisor.routes().at("monitor:d1:m1").failureCount(), 1) << second;
     for (std::size_t i = before; i < h.log.lines().size(); ++i) {
       events.push_back(std::to_string(second) + " " + h.log.lines()[i]);
     }
@@ -173,10 +164,9 @@ TEST(RouteSupervisorTest, ChangingOneFieldOfOneRouteRestartsExactlyThatHelperInT
     EXPECT_EQ(h.helperOf("hardware:d1:s1"), h.launcher.launches[3]);
     EXPECT_EQ(h.launcher.launches[3]->executable, plan[1].executableURL);
     EXPECT_EQ(h.supervisor.routes().at("hardware:d1:s1").route(), plan[1]);
-    int terminateRequests = 0;
-    for (const auto& state : h.launcher.launches) terminateRequests += state->terminateRequests;
-    EXPECT_EQ(oldMic->terminateRequests, 1);
-    EXPECT_EQ(terminateRequests, 1);
+    for (const auto& state : h.launcher.launches) {
+      EXPECT_EQ(state->terminateRequests, state == oldMic ? 1 : 0);
+    }
   }
 }
 
@@ -263,17 +253,12 @@ std::filesystem::path writeScript(const TempDir& dir, const std::string& name,
 std::set<std::string> directoryNames(const std::filesystem::path& directory) {
   std::set<std::string> names;
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error))
     names.insert(entry.path().filename().string());
-  }
   return names;
 }
 
-bool processExists(pid_t pid) {
-  return ::kill(pid, 0) == 0 || errno != ESRCH;
-}
-
-// waitpid(-1) finds neither a running nor a defunct child of this process.
+// waitpid(-1) finds neither a running nor a defunct (unreaped) child of this process.
 bool hasNoChildren() {
   int status = 0;
   const pid_t result = ::waitpid(-1, &status, WNOHANG);
@@ -287,9 +272,22 @@ std::unique_ptr<ChildProcess> launchOrFail(const std::filesystem::path& executab
   return process != nullptr ? std::move(*process) : nullptr;
 }
 
-TEST(PosixProcessLauncherTest, HelperGetsExactEnvironmentCurrentDirectoryAndOnlyStandardStreams) {
+TEST(PosixProcessLauncherTest, FailedLaunchNamesFileAndErrorAndHelperGetsExactlyWhatIsGiven) {
   TempDir dir;
-  // Deliberately inheritable: posix_spawn must close it in the child all the same.
+  const auto notExecutable = testing::writeExecutable(dir / "brisola-monitor", "#!/bin/sh\n", 0600);
+  const std::vector<std::pair<std::filesystem::path, std::string>> failures{
+      {dir / "missing" / "brisola-monitor", "No such file or directory"},
+      {notExecutable, "Permission denied"},
+      {dir.path(), "Permission denied"}};
+  for (const auto& [executable, reason] : failures) {
+    SCOPED_TRACE(executable.string());
+    LaunchResult result = PosixProcessLauncher::shared().launch(executable, {});
+    ASSERT_TRUE(std::holds_alternative<LaunchError>(result));
+    EXPECT_EQ(std::get<LaunchError>(result).description,
+              "Could not launch " + executable.string() + ": " + reason);
+  }
+
+  // Deliberately inheritable: the launcher must close it in the child all the same.
   UniqueFd leaked(::open("/dev/null", O_RDONLY));
   ASSERT_TRUE(leaked);
   const auto script = writeScript(dir, "helper",
@@ -335,8 +333,8 @@ TEST(PosixProcessLauncherTest, HelperGetsExactEnvironmentCurrentDirectoryAndOnly
   EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/cwd"),
             std::filesystem::current_path());
 
+  // Neither the helper nor a child of a failed launch is left.
   supervisor.stopAllRoutes();
-  EXPECT_FALSE(processExists(pid));
   EXPECT_TRUE(hasNoChildren());
 }
 
@@ -352,9 +350,8 @@ TEST(PosixProcessLauncherTest, EndingsAreSeenAtOnceWithTheirStatusAndEveryHelper
   ::sigaddset(&blocked, SIGTERM);
   ::pthread_sigmask(SIG_BLOCK, &blocked, &previousMask);
   // Once per cycle the supervisor asks whether any helper ended: a wrong "no" leaves an exit
-  // unnoticed, as would an ignored SIGCHLD inherited from our parent.
-  struct sigaction previousChild {};
-  ::sigaction(SIGCHLD, &ignore, &previousChild);
+  // unnoticed, as would an ignored SIGCHLD inherited from our parent (the launcher undoes it).
+  ::sigaction(SIGCHLD, &ignore, nullptr);
   auto& launcher = PosixProcessLauncher::shared();
   auto running = launchOrFail(writeScript(dir, "running", "exec sleep 30\n"));
   auto ending = launchOrFail(writeScript(dir, "ending", "exit 3\n"));
@@ -375,7 +372,6 @@ TEST(PosixProcessLauncherTest, EndingsAreSeenAtOnceWithTheirStatusAndEveryHelper
     int status;
   };
   const std::vector<Row> rows{
-      {"exit 7", "/bin/sh", "exit 7\n", [](ChildProcess&) {}, 7},
       // The shell keeps an inherited ignored SIGTERM ignored (but unblocks it)...
       {"plain script ended by terminate", "/bin/sh", "while :; do sleep 0.05; done\n",
        [](ChildProcess& p) { p.terminate(); }, SIGTERM},
@@ -393,7 +389,7 @@ TEST(PosixProcessLauncherTest, EndingsAreSeenAtOnceWithTheirStatusAndEveryHelper
     row.action(*process);
     ASSERT_TRUE(eventually([&] { return !process->isRunning(); }));
     EXPECT_EQ(process->terminationStatus(), row.status);
-    EXPECT_FALSE(processExists(process->pid())) << "reaped";
+    EXPECT_TRUE(hasNoChildren()) << "not reaped";
     // Signals after the reap must not reach a recycled pid.
     process->terminate();
     process->kill();
@@ -401,30 +397,10 @@ TEST(PosixProcessLauncherTest, EndingsAreSeenAtOnceWithTheirStatusAndEveryHelper
   // A dropped handle kills and reaps its helper, even one that ignores SIGTERM.
   auto dropped = launchOrFail(writeScript(dir, "helper", "trap '' TERM\nexec sleep 1000\n"));
   ASSERT_NE(dropped, nullptr);
-  const pid_t pid = dropped->pid();
   dropped.reset();
-  EXPECT_FALSE(processExists(pid));
   EXPECT_TRUE(hasNoChildren());
   ::pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
   ::sigaction(SIGTERM, &previousAction, nullptr);
-  ::sigaction(SIGCHLD, &previousChild, nullptr);
-}
-
-TEST(PosixProcessLauncherTest, FailedLaunchNamesTheFileAndTheSystemError) {
-  TempDir dir;
-  const auto notExecutable = testing::writeExecutable(dir / "brisola-monitor", "#!/bin/sh\n", 0600);
-  const std::vector<std::pair<std::filesystem::path, std::string>> rows{
-      {dir / "missing" / "brisola-monitor", "No such file or directory"},
-      {notExecutable, "Permission denied"},
-      {dir.path(), "Permission denied"}};
-  for (const auto& [executable, reason] : rows) {
-    SCOPED_TRACE(executable.string());
-    LaunchResult result = PosixProcessLauncher::shared().launch(executable, {});
-    ASSERT_TRUE(std::holds_alternative<LaunchError>(result));
-    EXPECT_EQ(std::get<LaunchError>(result).description,
-              "Could not launch " + executable.string() + ": " + reason);
-  }
-  EXPECT_TRUE(hasNoChildren());
 }
 
 // A leak of one zombie or one descriptor per replacement would show hundreds of times over.
@@ -456,10 +432,10 @@ TEST(RouteSupervisorProcessTest, HundredsOfReplacementsLeaveNoZombiesAndNoDescri
   }
   EXPECT_TRUE(hasNoChildren());
   EXPECT_EQ(testing::openDescriptorCount(), descriptorsAtStart);
+  // None was killed for outliving SIGTERM, and every launch worked.
   std::size_t started = 0;
   for (const std::string& line : log.lines()) {
     EXPECT_FALSE(line.starts_with("Killing ")) << line;
-    EXPECT_FALSE(line.starts_with("Could not start ")) << line;
     if (line.starts_with("Started ")) ++started;
   }
   EXPECT_EQ(started, replacements + 1u);

@@ -22,28 +22,24 @@ struct FakeProcessState {
   void exit(int code) { running = false, status = code; }
 };
 
-class FakeChildProcess final : public ChildProcess {
- public:
-  explicit FakeChildProcess(std::shared_ptr<FakeProcessState> state) : s_(std::move(state)) {}
-  ~FakeChildProcess() override { s_->handleAlive = false; }
-  pid_t pid() const override { return s_->pid; }
-  bool isRunning() override { return s_->running; }
-  int terminationStatus() const override { return s_->status; }
+struct FakeChildProcess final : ChildProcess {
+  explicit FakeChildProcess(std::shared_ptr<FakeProcessState> state) : s(std::move(state)) {}
+  ~FakeChildProcess() override { s->handleAlive = false; }
+  pid_t pid() const override { return s->pid; }
+  bool isRunning() override { return s->running; }
+  int terminationStatus() const override { return s->status; }
   void terminate() override {
-    if (++s_->terminateRequests, s_->running && s_->endsOnTerminate) s_->exit(SIGTERM);
+    if (++s->terminateRequests, s->running && s->endsOnTerminate) s->exit(SIGTERM);
   }
   void kill() override {
-    if (++s_->killRequests, s_->running) s_->exit(SIGKILL);
+    if (++s->killRequests, s->running) s->exit(SIGKILL);
   }
-
- private:
-  std::shared_ptr<FakeProcessState> s_;
+  std::shared_ptr<FakeProcessState> s;
 };
 
 // Records every launch; its helpers run until stopped. Fails every launch while `failure` holds
 // a description.
-class FakeLauncher final : public ProcessLauncher {
- public:
+struct FakeLauncher final : ProcessLauncher {
   LaunchResult launch(const std::filesystem::path& executable, const EnvironmentMap&) override {
     ++attempts;
     if (failure) return LaunchError{*failure};

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <thread>
-
 #include "brisola/runtime/control_store.hpp"
 #include "brisola/runtime/heartbeat.hpp"
 #include "brisola/runtime/meter_store.hpp"
@@ -44,33 +42,27 @@ TEST_F(CtlSharedStateTest, ControlsAreTheLastPublishedRecords) {
 
 // A producer's meter object with constant levels, removed with the test.
 struct StillMeter {
-  // By default the output meter of the device with this UID.
-  static std::string defaultUID() { return "brisola.test.ctl." + std::to_string(::getpid()); }
-  std::string uid = defaultUID();
+  std::string uid = "brisola.test.ctl." + std::to_string(::getpid());
   std::string owner;
   ShmObject object{RuntimeMeterStore::objectName(owner), 4096};
 
-  StillMeter() : StillMeter(RuntimeMeterStore::outputOwnerID(defaultUID())) {}
-  explicit StillMeter(std::string ownerID) : owner(std::move(ownerID)) {
+  // By default the output meter of the device with the UID above.
+  explicit StillMeter(std::optional<std::string> ownerID = std::nullopt)
+      : owner(ownerID.value_or(RuntimeMeterStore::outputOwnerID(uid))) {
     MeterImage{.sequence = 2, .channelCount = 2, .levels = {0.5f, 0.125f}, .peaks = {1.0f, 0.25f}}
         .writeTo(object);
   }
-
-  // A document whose device "Test Mix" (id "mix-id") plays into the meter.
-  ConfigSnapshot document() const {
-    ConfigSnapshot snapshot = ConfigSnapshot::empty();
-    snapshot.devices.push_back(stereoDevice("mix-id", "Test Mix"));
-    snapshot.devices.back().uid = uid;
-    return snapshot;
-  }
 };
 
-TEST_F(CtlSharedStateTest, MeterReadingsAndTheirAbsence) {
+TEST_F(CtlSharedStateTest, MeterReadingsTheirAbsenceAndTheWatch) {
   StillMeter meter;
   const auto reading = RuntimeMeterStore::reading(meter.owner);
   ASSERT_TRUE(reading.has_value());
   // --device takes the UID, or the id or name of a device of the document.
-  writeDocument(meter.document());
+  ConfigSnapshot snapshot = ConfigSnapshot::empty();
+  snapshot.devices.push_back(stereoDevice("mix-id", "Test Mix"));
+  snapshot.devices.back().uid = meter.uid;
+  writeDocument(snapshot);
   for (const auto& [option, name] : {std::pair{"--owner", meter.owner},
                                      {"--device", meter.uid},
                                      {"--device", "mix-id"},
@@ -93,13 +85,10 @@ TEST_F(CtlSharedStateTest, MeterReadingsAndTheirAbsence) {
   result = run({"meter", "--device", ""});
   EXPECT_EQ(result.status, 1) << result.err;
   EXPECT_NE(result.err.find(RuntimeMeterStore::outputOwnerID("")), std::string::npos);
-}
 
-TEST_F(CtlSharedStateTest, WatchShowsBarsThenTheFrozenMeterAsAbsentUntilInterrupted) {
-  StillMeter meter;
-  writeDocument(meter.document());
-  RunningProcess watch(program(), {"meter", "--watch", "--device", "Test Mix"}, environment(),
-                       directory().path(), directory().path());
+  // The watch shows bars, then the frozen meter as absent, until interrupted.
+  RunningProcess watch(program(), {"meter", "--watch", "--device", "Test Mix"}, environment_,
+                       directory_.path(), directory_.path());
   ASSERT_TRUE(watch.waitForOutput("Test Mix  (Ctrl-C to stop)", 5s)) << watch.standardOutput();
   // -6 dB on channel 1 fills 54 of 60 dB: 43 of 48 cells.
   ASSERT_TRUE(watch.waitForOutput("   1 [" + std::string(43, '='), 5s)) << watch.standardOutput();
@@ -110,7 +99,7 @@ TEST_F(CtlSharedStateTest, WatchShowsBarsThenTheFrozenMeterAsAbsentUntilInterrup
 }
 
 TEST_F(CtlSharedStateTest, StatusFollowsTheHeartbeat) {
-  const auto url = dataDirectory() / "Brisola" / "service-heartbeat";
+  const auto url = directory_ / "data" / "Brisola" / "service-heartbeat";
   // No heartbeat file, one a minute old, a fresh one.
   const std::tuple<std::optional<std::chrono::seconds>, int, std::string> rows[] = {
       {std::nullopt, 1, "\"lastBeat\": null"},

@@ -42,11 +42,6 @@ class CtlTest : public ::testing::Test {
 
   std::filesystem::path document() const { return directory_ / "config.json"; }
   std::filesystem::path hardware() const { return directory_ / "hardware.json"; }
-  std::filesystem::path dataDirectory() const { return directory_ / "data"; }
-  const TempDir& directory() const { return directory_; }
-  void setEnvironment(const std::string& name, const std::string& value) {
-    environment_[name] = value;
-  }
 
   void writeDocument(const ConfigSnapshot& snapshot) const {
     writeFile(document(), encodeJSON(snapshot));
@@ -57,9 +52,7 @@ class CtlTest : public ::testing::Test {
     return runToCompletion(program(), arguments, environment_, directory_.path());
   }
   static std::filesystem::path program() { return buildDirectory() / "tools" / "brisolactl"; }
-  std::map<std::string, std::string> environment() const { return environment_; }
 
- private:
   TempDir directory_;
   std::map<std::string, std::string> environment_;
 };
