@@ -48,6 +48,10 @@ fs::path findProgram(const fs::path& program) {
   throw std::runtime_error(program.string() + " is not installed (scripts/deps.sh installs it)");
 }
 
+int statusOf(int raw) {
+  return WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+}
+
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> result;
   for (auto& text : texts) result.push_back(text.data());
@@ -107,14 +111,6 @@ RunningProcess::~RunningProcess() {
 void RunningProcess::signal(int number) const {
   if (!status_) ::kill(pid_, number);
 }
-
-namespace {
-
-int statusOf(int raw) {
-  return WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-}
-
-}  // namespace
 
 std::optional<int> RunningProcess::waitFor(std::chrono::milliseconds timeout) {
   eventually(
